@@ -1,0 +1,151 @@
+// The desk's log service: one line a call, written whole to standard error, to a file or nowhere.
+
+#include <dlog.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+namespace {
+
+// Where the lines go. Opened by the first line and never closed, so that threads may still log while the process ends.
+//
+// Locks: `lineLock` keeps the lines of one process apart, and the record lock on the file those of several processes.
+// A regular file opened for appending needs neither; a pipe does, because it takes long lines in pieces.
+struct Target {
+    int fd = -1;
+    bool needsLock = false;
+    pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
+};
+
+Target* openTarget()
+{
+    static Target target;
+    const char* where = std::getenv("ZOL_DLOG");
+    if (where == nullptr || *where == '\0' || std::strcmp(where, "stderr") == 0) {
+        target.fd = STDERR_FILENO;
+    } else if (std::strcmp(where, "off") == 0) {
+        return &target;
+    } else {
+        target.fd = open(where, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        if (target.fd < 0) {
+            dprintf(STDERR_FILENO, "ZOL_DLOG: cannot append to %s (%s); the log goes to standard error\n", where,
+                    std::strerror(errno));
+            target.fd = STDERR_FILENO;
+        }
+    }
+    struct stat status {};
+    target.needsLock = target.fd == STDERR_FILENO || fstat(target.fd, &status) != 0 || !S_ISREG(status.st_mode);
+    if (target.needsLock) {
+        // A child forked while another thread writes would find the lock taken for ever.
+        pthread_atfork([] { pthread_mutex_lock(&target.lineLock); }, [] { pthread_mutex_unlock(&target.lineLock); },
+                       [] { pthread_mutex_unlock(&target.lineLock); });
+    }
+    return &target;
+}
+
+bool writeAll(int fd, const char* data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        if (written > 0) {
+            data += written;
+            size -= static_cast<size_t>(written);
+        }
+    }
+    return true;
+}
+
+bool writeLine(Target& target, const std::string& line)
+{
+    if (!target.needsLock) {
+        return writeAll(target.fd, line.data(), line.size());
+    }
+    pthread_mutex_lock(&target.lineLock);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    const bool locked = fcntl(target.fd, F_SETLKW, &whole) == 0;  // where it is not supported, better mixed than lost
+    const bool done = writeAll(target.fd, line.data(), line.size());
+    if (locked) {
+        whole.l_type = F_UNLCK;
+        fcntl(target.fd, F_SETLK, &whole);
+    }
+    pthread_mutex_unlock(&target.lineLock);
+    return done;
+}
+
+// Control characters are spelled out, so that no value can forge a line or steer a terminal.
+void appendSafe(std::string& line, const char* text)
+{
+    for (; *text != '\0'; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if ((byte < 0x20 && byte != '\t') || byte == 0x7f) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            line += escaped;
+        } else {
+            line += *text;
+        }
+    }
+}
+
+std::string formatMessage(const char* format, va_list arguments)
+{
+    std::string message(256, '\0');
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(&message[0], message.size(), format, arguments);
+    if (length >= 0 && static_cast<size_t>(length) >= message.size()) {
+        message.resize(static_cast<size_t>(length) + 1);
+        std::vsnprintf(&message[0], message.size(), format, again);
+    }
+    va_end(again);
+    message.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    return message;
+}
+
+}  // namespace
+
+int dlog_print(log_priority priority, const char* tag, const char* format, ...)
+{
+    static Target* const target = openTarget();
+    if (target->fd < 0) {
+        return 0;
+    }
+    const int savedErrno = errno;
+    int result = -1;
+    try {
+        va_list arguments;
+        va_start(arguments, format);
+        std::string message = formatMessage(format, arguments);
+        va_end(arguments);
+        if (!message.empty() && message.back() == '\n') {
+            message.pop_back();
+        }
+
+        const bool known = priority >= DLOG_VERBOSE && priority <= DLOG_FATAL;
+        std::string line(1, known ? "VDIWEF"[priority - DLOG_VERBOSE] : '?');
+        line += '/';
+        appendSafe(line, tag == nullptr ? "" : tag);
+        line += " (" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + ") ";
+        appendSafe(line, message.c_str());
+        line += '\n';
+        result = writeLine(*target, line) ? static_cast<int>(line.size()) : -1;
+    } catch (const std::bad_alloc&) {
+        result = -1;  // there is no memory for the line, and the caller's work matters more
+    }
+    errno = savedErrno;
+    return result;
+}

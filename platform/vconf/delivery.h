@@ -1,0 +1,91 @@
+// Who in this process is told of which key, and the thread that tells them.
+#ifndef VCONF_DELIVERY_H
+#define VCONF_DELIVERY_H
+
+#include <vconf.h>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "store.h"
+
+namespace vconf {
+
+/// Delivers every write of a subscribed key to its handlers, in the order of the writes, on one thread of its own.
+///
+/// The thread sleeps until a signal file is written to or closed, then reads the journals onward from where it stopped.
+/// A process that falls behind by more than the journal holds gets the newest value of each subscribed key that
+/// changed, once, and a line in the log.
+class Delivery {
+public:
+    /// Starts the thread if it does not run yet.
+    /// @throws std::exception when the subscription cannot be made; then nothing has changed.
+    void subscribe(Store& store, Lifetime lifetime, std::string_view key, vconf_callback_fn handler, void* userData);
+
+    /// @return false when there is no such subscription.
+    bool unsubscribe(std::string_view key, vconf_callback_fn handler);
+
+    /// Around fork(): the lock is held meanwhile, and a child starts with no subscription and no thread.
+    void lockForFork() { lock_.lock(); }
+    void unlockInParent() { lock_.unlock(); }
+    void resetInChild();
+
+private:
+    struct Subscription {
+        uint64_t id;     // rises with every subscription
+        uint64_t after;  // sequence number of the last write before it
+        vconf_callback_fn handler;
+        void* userData;
+    };
+    struct Write {
+        uint64_t sequence;
+        int64_t time;
+        int type;
+        std::string key;
+        std::string data;
+    };
+    // What one look at a journal found.
+    struct Batch {
+        std::vector<Write> writes;  // of subscribed keys
+        size_t next = 0;            // the first of them that has not been delivered
+        uint64_t upTo = 0;          // the last write that was looked at
+        bool cutOff = false;        // there are more
+        uint64_t missed = 0;        // how many writes the journal no longer had
+        bool empty() const { return next == writes.size(); }
+    };
+    struct Half {
+        Store* store = nullptr;  // set by the first subscription
+        uint64_t seen = 0;       // the last write that was delivered or passed over; the thread's own once it runs
+    };
+
+    void run();
+    bool deliverOnce();
+    void deliver(Lifetime lifetime, const Write& write);
+    Batch collect(Lifetime lifetime);
+    void collectNewest(Lifetime lifetime, const ReadTransaction& transaction, Batch& batch);
+    void startThread();
+    void watch(const Store& store) const;
+
+    Half& half(Lifetime lifetime) { return halves_[static_cast<size_t>(lifetime)]; }
+
+    // Protects everything below but a half's `seen`. Never held while a handler runs. A read of the store may happen
+    // under it, but no write and no opening.
+    std::mutex lock_;
+    std::map<std::string, std::vector<Subscription>, std::less<>> subscriptions_;
+    std::array<Half, 2> halves_;
+    uint64_t nextId_ = 1;
+    int signals_ = -1;
+    bool running_ = false;
+};
+
+/// The half that a key belongs to.
+Lifetime lifetimeOf(std::string_view key);
+
+}  // namespace vconf
+
+#endif
