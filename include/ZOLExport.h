@@ -1,0 +1,8 @@
+/// @file
+/// Marks what the library exports; everything else is hidden.
+#ifndef ZOL_EXPORT_H
+#define ZOL_EXPORT_H
+
+#define ZOL_API __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,128 @@
+#include "WatcherCensus.h"
+
+#include <pthread.h>
+
+#include <new>
+#include <utility>
+
+#include "VconfCallbackGenerator.h"
+
+// Never destroyed: threads may deliver until the very end of the process.
+WatcherCensus& WatcherCensus::instance()
+{
+    static auto* const the = new WatcherCensus;
+    return *the;
+}
+
+WatcherCensus::WatcherCensus()
+{
+    pthread_atfork([] { instance().lock_.lock(); }, [] { instance().lock_.unlock(); },
+                   [] { instance().startAfreshInChild(); });
+}
+
+void WatcherCensus::arrive(VconfCallbackGenerator& watcher)
+{
+    const std::lock_guard<std::mutex> guard(lock_);
+    present_.emplace(&watcher, Presence());
+}
+
+void WatcherCensus::depart(VconfCallbackGenerator& watcher, std::string&& key) noexcept
+{
+    std::unique_lock<std::mutex> guard(lock_);
+    const auto found = present_.find(&watcher);
+    Presence& presence = found->second;
+    presence.leaving = true;
+    changed_.wait(guard, [&] { return presence.dispatches == 0; });
+    present_.erase(found);
+    departed_[nextDeparted_] = {&watcher, std::move(key)};
+    nextDeparted_ = (nextDeparted_ + 1) % kRemembered;
+}
+
+bool WatcherCensus::hasDeparted(const void* address, const char* key) const
+{
+    for (const Departed& departed : departed_) {
+        if (departed.address == address && departed.key == key) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// In the child only the forking thread is left, and it is not subscribed to anything. The other threads' dispatches,
+// turns and locks are gone with them.
+void WatcherCensus::startAfreshInChild()
+{
+    new (&changed_) std::condition_variable;
+    for (auto& [address, presence] : present_) {
+        auto& watcher = *static_cast<VconfCallbackGenerator*>(const_cast<void*>(address));
+        const bool here = presence.listHolder == std::this_thread::get_id();
+        presence.dispatches = here ? 1 : 0;
+        presence.turnTaken = false;
+        if (!here) {
+            new (&watcher.listMutex) std::mutex;
+        }
+        watcher.forgetCallbacks();
+        watcher.isExistVconfCallback = false;
+    }
+    lock_.unlock();
+}
+
+// ---- visits and turns -----------------------------------------------------------------------------------------------
+
+// An event that was meant for a watcher that is gone can find another watcher at the same address. It carries the gone
+// one's key. Whether the key is the present watcher's does not tell the two apart, since an event under another name is
+// delivered; whether it is that of a watcher that was there before does. What remains: an event that comes when another
+// 1,024 watchers have been destroyed since, and one that both came late and bore another name than its key's.
+WatcherCensus::Visit::Visit(void* address, const char* key)
+{
+    WatcherCensus& census = instance();
+    const std::lock_guard<std::mutex> guard(census.lock_);
+    const auto found = census.present_.find(address);
+    if (found == census.present_.end() || found->second.leaving) {
+        return;
+    }
+    auto* watcher = static_cast<VconfCallbackGenerator*>(address);
+    if (watcher->vconfPath != key && census.hasDeparted(address, key)) {
+        return;
+    }
+    watcher_ = watcher;
+    ++found->second.dispatches;
+}
+
+WatcherCensus::Visit::~Visit()
+{
+    if (watcher_ == nullptr) {
+        return;
+    }
+    WatcherCensus& census = instance();
+    const std::lock_guard<std::mutex> guard(census.lock_);
+    Presence& presence = census.present_.find(watcher_)->second;
+    presence.listHolder = {};
+    if (--presence.dispatches == 0 && presence.leaving) {
+        census.changed_.notify_all();
+    }
+}
+
+void WatcherCensus::Visit::holdsList()
+{
+    WatcherCensus& census = instance();
+    const std::lock_guard<std::mutex> guard(census.lock_);
+    census.present_.find(watcher_)->second.listHolder = std::this_thread::get_id();
+}
+
+WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher) : watcher_(watcher)
+{
+    WatcherCensus& census = instance();
+    std::unique_lock<std::mutex> guard(census.lock_);
+    Presence& presence = census.present_.find(&watcher)->second;
+    census.changed_.wait(guard, [&] { return !presence.turnTaken; });
+    presence.turnTaken = true;
+}
+
+WatcherCensus::Turn::~Turn()
+{
+    WatcherCensus& census = instance();
+    const std::lock_guard<std::mutex> guard(census.lock_);
+    census.present_.find(&watcher_)->second.turnTaken = false;
+    census.changed_.notify_all();
+}

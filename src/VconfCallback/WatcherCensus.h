@@ -1,0 +1,104 @@
+// Who of the watchers is alive, and who is busy in it. A watcher's own lock cannot answer that: it dies with the
+// watcher.
+#ifndef ZOL_SRC_WATCHER_CENSUS_H
+#define ZOL_SRC_WATCHER_CENSUS_H
+
+#include <array>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+class VconfCallbackGenerator;
+
+// ---- The locks of change notification ------------------------------------------------------------------------------
+//
+//   key lock    One for each topic, in the registry. Protects the topic's slot: its watcher, the number of operations
+//               inside the watcher, and a wish to release it.
+//   listMutex   One for each watcher. Protects its list of callbacks, and is held by a dispatch while they run.
+//   turn        One for each watcher, kept by the census. Lets one thread at a time subscribe the watcher.
+//   census      One. Protects the census: the watchers that are alive, the dispatches that are inside each, the turns,
+//               and the watchers that are gone. A change of a list of callbacks holds it too, so that fork() finds
+//               every list whole.
+//
+// Order: key lock, then census; turn, then census; listMutex, then census. Nothing is called with the census lock held.
+// No thread waits for a listMutex or a turn while it holds a key lock: the registry only counts who is inside the
+// watcher. So a callback, which runs with a listMutex held, may take every key lock. What remains is that a
+// registration waits for the callbacks of its topic; ZOLSystemDataNotify.h says what follows for callbacks.
+//
+// A watcher is destroyed under its key lock when nobody is inside it and it is not subscribed. Its destructor waits for
+// dispatches that have begun. By then the list is empty, so such a dispatch runs no callback and waits for no key lock.
+//
+// The flag isExistVconfCallback rises under the turn and falls under listMutex, when the list is empty. A registration
+// looks at it again once it has listMutex, so no callback enters the list of a watcher that is not subscribed.
+
+class WatcherCensus {
+public:
+    static WatcherCensus& instance();
+
+    void arrive(VconfCallbackGenerator& watcher);
+    /// Waits for the dispatches inside; from then on none gets in. `key` is kept to recognise late events.
+    void depart(VconfCallbackGenerator& watcher, std::string&& key) noexcept;
+
+    /// A dispatch inside a watcher. While one exists the watcher is not destroyed.
+    class Visit {
+    public:
+        /// @param address  What vconf says is the watcher; it may be gone.
+        /// @param key      The key that changed.
+        Visit(void* address, const char* key);
+        ~Visit();
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+        /// Null when there is no watcher at that address any more, or another one than the event was meant for.
+        VconfCallbackGenerator* watcher() const { return watcher_; }
+        /// To be called when this thread has taken the watcher's lock.
+        void holdsList();
+
+    private:
+        VconfCallbackGenerator* watcher_ = nullptr;
+    };
+
+    /// A thread's turn to subscribe a watcher.
+    class Turn {
+    public:
+        explicit Turn(VconfCallbackGenerator& watcher);
+        ~Turn();
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+    private:
+        VconfCallbackGenerator& watcher_;
+    };
+
+    /// Held while a list of callbacks changes.
+    std::unique_lock<std::mutex> holdStill() { return std::unique_lock<std::mutex>(lock_); }
+
+private:
+    struct Presence {
+        int dispatches = 0;
+        bool leaving = false;
+        bool turnTaken = false;
+        std::thread::id listHolder;  // the dispatching thread that has listMutex
+    };
+    struct Departed {
+        const void* address = nullptr;
+        std::string key;
+    };
+    // Late events of so many destroyed watchers are recognised.
+    static constexpr std::size_t kRemembered = 1024;
+
+    WatcherCensus();
+    bool hasDeparted(const void* address, const char* key) const;
+    void startAfreshInChild();
+
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::unordered_map<const void*, Presence> present_;
+    std::array<Departed, kRemembered> departed_;
+    std::size_t nextDeparted_ = 0;
+};
+
+#endif

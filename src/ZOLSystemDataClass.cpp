@@ -1,0 +1,317 @@
+#include "ZOLSystemData.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <vconf.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ZOLConcurrentMode.h"
+#include "ZOLJson.h"
+#include "ZOLTypedKeys.h"
+#include "ZOLVconfKeys.h"
+#include "log.h"
+
+namespace key = ZOLVconfKey;
+
+// ---- typed key access -----------------------------------------------------------------------------------------------
+
+bool setString(const char* key, std::string value)
+{
+    if (value.empty()) {
+        dlog_print(ZOL_LINE("value is empty"));
+        return false;
+    }
+    dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
+    vconf_set_str(key, value.c_str());  // callers are told true once the value has been handed over, accepted or not
+    return true;
+}
+
+bool getString(const char* key, std::string& value)
+{
+    struct Free {
+        void operator()(char* text) const { std::free(text); }
+    };
+    std::unique_ptr<char, Free> text(vconf_get_str(key));
+    if (!text) {
+        dlog_print(ZOL_LINE("vconf_get_str is failed"));
+        return false;
+    }
+    std::string copy(text.get());
+    text.reset();
+    value = std::move(copy);
+    dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
+    return true;
+}
+
+bool setInt(const char* key, int value)
+{
+    dlog_print(ZOL_LINE("key[%s] Value [%d]"), key, value);
+    if (vconf_set_int(key, value) != 0) {
+        dlog_print(ZOL_LINE("failed to set vconf key (%s)"), key);
+        return false;
+    }
+    return true;
+}
+
+bool getInt(const char* key, int& value)
+{
+    int stored = 0;
+    if (vconf_get_int(key, &stored) != 0) {
+        dlog_print(ZOL_LINE("failed to get vconf key (%s)"), key);
+        return false;
+    }
+    value = stored;
+    dlog_print(ZOL_LINE("Background volume is %d"), value);  // written for every key; log readers match this text
+    return true;
+}
+
+bool setBool(const char* key, bool value)
+{
+    const int number = value ? 1 : 0;
+    dlog_print(ZOL_LINE("key[%s] Value [%d]"), key, number);
+    if (vconf_set_bool(key, number) != 0) {
+        dlog_print(ZOL_LINE("failed to set vconf key (%s)"), key);
+        return false;
+    }
+    return true;
+}
+
+bool getBool(const char* key)
+{
+    int stored = 0;
+    if (vconf_get_bool(key, &stored) != 0) {
+        dlog_print(ZOL_LINE("failed to get vconf key (%s)"), key);
+        return false;
+    }
+    const bool value = stored == 1;
+    dlog_print(ZOL_LINE("%s"), value ? "true" : "false");
+    return value;
+}
+
+// ---- accessors ------------------------------------------------------------------------------------------------------
+
+// Strings that can be read and written
+bool ZOLSystemData::GetAovModeSetter(std::string& value) { return getString(key::AovModeSetter, value); }
+bool ZOLSystemData::SetAovModeSetter(std::string value) { return setString(key::AovModeSetter, std::move(value)); }
+bool ZOLSystemData::GetOSDLanguage(std::string& value) { return getString(key::OSDLanguage, value); }
+bool ZOLSystemData::SetOSDLanguage(std::string value) { return setString(key::OSDLanguage, std::move(value)); }
+bool ZOLSystemData::GetAssistantFarField(std::string& value) { return getString(key::AssistantFarField, value); }
+bool ZOLSystemData::SetAssistantFarField(std::string value)
+{
+    return setString(key::AssistantFarField, std::move(value));
+}
+bool ZOLSystemData::GetZOLSituationalHintSupported(std::string& value)
+{
+    return getString(key::ZOLSituationalHintSupported, value);
+}
+bool ZOLSystemData::SetZOLSituationalHintSupported(std::string value)
+{
+    return setString(key::ZOLSituationalHintSupported, std::move(value));
+}
+bool ZOLSystemData::GetZOLLanguage(std::string& value) { return getString(key::ZOLLanguage, value); }
+bool ZOLSystemData::SetZOLLanguage(std::string value) { return setString(key::ZOLLanguage, std::move(value)); }
+bool ZOLSystemData::GetZOLDefaultAssistantAppid(std::string& value)
+{
+    return getString(key::ZOLDefaultAssistantAppid, value);
+}
+bool ZOLSystemData::SetZOLDefaultAssistantAppid(std::string value)
+{
+    return setString(key::ZOLDefaultAssistantAppid, std::move(value));
+}
+
+// Strings that can only be read
+bool ZOLSystemData::GetWebAppUninstall(std::string& value) { return getString(key::WebAppUninstall, value); }
+bool ZOLSystemData::GetWebAppInstall(std::string& value) { return getString(key::WebAppInstall, value); }
+bool ZOLSystemData::GetMultiViewMode(std::string& value) { return getString(key::MultiViewMode, value); }
+bool ZOLSystemData::GetModelId(std::string& value) { return getString(key::ModelId, value); }
+bool ZOLSystemData::GetTVName(std::string& value) { return getString(key::TVName, value); }
+bool ZOLSystemData::GetOSDCountry(std::string& value) { return getString(key::OSDCountry, value); }
+
+// The integer
+bool ZOLSystemData::GetBackgroundVolume(int& value) { return getInt(key::BackgroundVolume, value); }
+
+// Switches that can be read and written; the Is and Get forms are the same
+bool ZOLSystemData::SetZOLActivated(bool value) { return setBool(key::ZOLActivated, value); }
+bool ZOLSystemData::GetZOLActivated() { return getBool(key::ZOLActivated); }
+bool ZOLSystemData::IsZOLActivated() { return getBool(key::ZOLActivated); }
+bool ZOLSystemData::SetZOLMultipleMode(bool value) { return setBool(key::ZOLMultipleMode, value); }
+bool ZOLSystemData::GetZOLMultipleMode() { return getBool(key::ZOLMultipleMode); }
+bool ZOLSystemData::IsZOLMultipleMode() { return getBool(key::ZOLMultipleMode); }
+
+// Switches that can only be read
+bool ZOLSystemData::GetPowerOffStatus() { return getBool(key::PowerOffStatus); }
+bool ZOLSystemData::GetMultiOutputAudio() { return getBool(key::MultiOutputAudio); }
+bool ZOLSystemData::GetAccessibilityVoiceGuide() { return getBool(key::AccessibilityVoiceGuide); }
+bool ZOLSystemData::GetAccessibilityAudioDescription() { return getBool(key::AccessibilityAudioDescription); }
+bool ZOLSystemData::GetAccessibilityHighContrast() { return getBool(key::AccessibilityHighContrast); }
+bool ZOLSystemData::GetAccessibilityGrayScale() { return getBool(key::AccessibilityGrayScale); }
+bool ZOLSystemData::GetAccessibilityEnlarge() { return getBool(key::AccessibilityEnlarge); }
+bool ZOLSystemData::GetAccessibilityColorInversion() { return getBool(key::AccessibilityColorInversion); }
+bool ZOLSystemData::GetArtAppStatus() { return getBool(key::ArtAppStatus); }
+bool ZOLSystemData::GetAmbientMode() { return getBool(key::AmbientMode); }
+
+// ---- concurrent-mode app list ---------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kAppid[] = "appid";
+constexpr char kConcurrent[] = "concurrent";
+constexpr char kOn[] = "on";
+
+// RapidJSON's parser and writer recurse once per level of nesting, so a text nested deep enough would end the process.
+// A list needs two levels; a text beyond this many counts as one that does not parse.
+constexpr int kMaxDepth = 64;
+
+// Builds a document from the parser's events and stops the parser where the text is nested too deep.
+class DepthGuard {
+public:
+    explicit DepthGuard(rapidjson::Document& document) : document_(document) {}
+
+    bool Null() { return document_.Null(); }
+    bool Bool(bool value) { return document_.Bool(value); }
+    bool Int(int value) { return document_.Int(value); }
+    bool Uint(unsigned value) { return document_.Uint(value); }
+    bool Int64(int64_t value) { return document_.Int64(value); }
+    bool Uint64(uint64_t value) { return document_.Uint64(value); }
+    bool Double(double value) { return document_.Double(value); }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.RawNumber(text, length, copy);
+    }
+    bool String(const char* text, rapidjson::SizeType length, bool copy)
+    {
+        return document_.String(text, length, copy);
+    }
+    bool Key(const char* text, rapidjson::SizeType length, bool copy) { return document_.Key(text, length, copy); }
+    bool StartObject() { return ++depth_ <= kMaxDepth && document_.StartObject(); }
+    bool StartArray() { return ++depth_ <= kMaxDepth && document_.StartArray(); }
+    bool EndObject(rapidjson::SizeType members) { return --depth_, document_.EndObject(members); }
+    bool EndArray(rapidjson::SizeType elements) { return --depth_, document_.EndArray(elements); }
+
+private:
+    rapidjson::Document& document_;
+    int depth_ = 0;
+};
+
+// Parses `text` into `document`; false when it is not JSON or nested too deep.
+bool parse(const std::string& text, rapidjson::Document& document)
+{
+    rapidjson::Reader reader;
+    auto events = [&](rapidjson::Document& target) {
+        rapidjson::StringStream stream(text.c_str());
+        DepthGuard guard(target);
+        return !reader.Parse(stream, guard).IsError();
+    };
+    document.Populate(events);
+    return !reader.HasParseError();
+}
+
+// The text of an entry's first member of that name, up to its first NUL, or null when the entry has no such text.
+// A member that holds something other than a string counts as missing here: such an entry matches no app and is not
+// listed, and a rewrite of the list keeps it as it is.
+const char* memberText(const rapidjson::Value& entry, const char* name)
+{
+    if (!entry.IsObject()) {
+        return nullptr;
+    }
+    const auto member = entry.FindMember(name);
+    return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : nullptr;
+}
+
+rapidjson::Value* findApp(rapidjson::Document& list, const std::string& appid)
+{
+    for (rapidjson::Value& entry : list.GetArray()) {
+        const char* text = memberText(entry, kAppid);
+        if (text != nullptr && *text != '\0' && appid == text) {  // an empty id never matches
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+void setMode(rapidjson::Value& entry, const std::string& mode, rapidjson::Document::AllocatorType& allocator)
+{
+    rapidjson::Value text(mode.c_str(), allocator);
+    const auto member = entry.FindMember(kConcurrent);
+    if (member != entry.MemberEnd()) {
+        member->value = text;
+    } else {
+        entry.AddMember(kConcurrent, text, allocator);
+    }
+}
+
+}  // namespace
+
+void toString(rapidjson::Value& value, std::string& out)
+{
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    value.Accept(writer);
+    out.assign(buffer.GetString(), buffer.GetSize());
+}
+
+bool SetZOLConcurrentMode(std::string appid, std::string mode)
+{
+    rapidjson::Document list;
+    auto& allocator = list.GetAllocator();
+
+    std::string text;
+    getString(key::ZOLConcurrentAppList, text);
+    bool valid = parse(text, list);
+    if (!valid) {
+        dlog_print(ZOL_LINE("json parsing is failed"));
+    } else if (!list.IsArray()) {
+        dlog_print(ZOL_LINE("json is invalid (root.isArray())"));
+        valid = false;
+    }
+    if (!valid) {
+        list.SetArray();
+    }
+
+    if (rapidjson::Value* entry = findApp(list, appid)) {
+        setMode(*entry, mode, allocator);
+    } else {
+        rapidjson::Value added(rapidjson::kObjectType);
+        added.AddMember(kAppid, rapidjson::Value(appid.c_str(), allocator), allocator);
+        added.AddMember(kConcurrent, rapidjson::Value(mode.c_str(), allocator), allocator);
+        list.PushBack(added, allocator);
+    }
+    toString(list, text);
+    setString(key::ZOLConcurrentAppList, std::move(text));
+    return true;
+}
+
+bool ZOLSystemData::EnableZOLConcurrentMode(std::string appid) { return SetZOLConcurrentMode(std::move(appid), kOn); }
+bool ZOLSystemData::DisableZOLConcurrentMode(std::string appid)
+{
+    return SetZOLConcurrentMode(std::move(appid), "off");
+}
+
+bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
+{
+    std::string text;
+    if (!getString(key::ZOLConcurrentAppList, text)) {
+        return false;
+    }
+    rapidjson::Document document;
+    if (!parse(text, document) || !document.IsArray()) {
+        dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
+        return false;
+    }
+    for (const rapidjson::Value& entry : document.GetArray()) {
+        const char* appid = memberText(entry, kAppid);
+        const char* concurrent = memberText(entry, kConcurrent);
+        if (appid != nullptr && concurrent != nullptr && std::strcmp(concurrent, kOn) == 0) {
+            list.emplace_back(appid);
+        }
+    }
+    return true;
+}
