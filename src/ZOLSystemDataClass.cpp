@@ -23,6 +23,7 @@ namespace key = ZOLVconfKey;
 
 // ---- typed key access -----------------------------------------------------------------------------------------------
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes the value as its own
 bool setString(const char* key, std::string value)
 {
     if (value.empty()) {
@@ -258,6 +259,7 @@ void toString(rapidjson::Value& value, std::string& out)
     out.assign(buffer.GetString(), buffer.GetSize());
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes both as its own
 bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
     rapidjson::Document list;

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 
 #include "VconfCallback/WatcherCensus.h"
@@ -20,28 +22,15 @@ struct Topic {
     const char* key;
     DataValueType type;
 
-    std::mutex lock{};  // the key lock, which protects the rest
+    // The slot, protected by the key lock. The watcher is not destroyed while operations are inside it; the unregister
+    // operation that finds it in use leaves its name, so that the last one out looks again.
+    int inside = 0;
+    std::mutex lock{};
     VconfCallbackGenerator* watcher = nullptr;
-    int inside = 0;                    // operations that use the watcher; it is not destroyed meanwhile
-    const char* releaseFor = nullptr;  // the unregister operation that found it in use and wants it checked once more
+    const char* releaseFor = nullptr;
 };
 
 // Never destroyed, like the watchers in it: callbacks may still come while the process ends.
-enum TopicName : int {
-    ZOLConcurrentAppList,
-    DravixResetCount,
-    ServiceResetCount,
-    FactoryResetCount,
-    WebAppUninstall,
-    WebAppInstall,
-    OSDCountry,
-    BackgroundVolume,
-    ZOLSituationalHintSupported,
-    ZOLLanguage,
-    ZOLDefaultAssistantAppid,
-    ZOLActivated,
-    ZOLMultipleMode,
-};
 Topic topics[] = {
     {key::ZOLConcurrentAppList, DATA_TYPE_STRING},
     {key::DravixResetCount, DATA_TYPE_INT},
@@ -57,6 +46,12 @@ Topic topics[] = {
     {key::ZOLActivated, DATA_TYPE_BOOL},
     {key::ZOLMultipleMode, DATA_TYPE_BOOL},
 };
+
+// The row of a key, which is named by the very constant that stands in the table.
+Topic& topicOf(const char* key)
+{
+    return *std::find_if(std::begin(topics), std::end(topics), [key](const Topic& topic) { return topic.key == key; });
+}
 
 void lockAll()
 {
@@ -106,10 +101,10 @@ void releaseIfWanted(Topic& topic)
 }
 
 template <class Callback>
-int add(TopicName name, const char* operation, Callback callback, void* userData)
+int add(const char* key, const char* operation, Callback callback, void* userData)
 {
     setUpFork();
-    Topic& topic = topics[name];
+    Topic& topic = topicOf(key);
     VconfCallbackGenerator* watcher = nullptr;
     {
         const std::lock_guard<std::mutex> guard(topic.lock);
@@ -129,9 +124,9 @@ int add(TopicName name, const char* operation, Callback callback, void* userData
 }
 
 template <class Callback>
-int remove(TopicName name, const char* operation, Callback callback)
+int remove(const char* key, const char* operation, Callback callback)
 {
-    Topic& topic = topics[name];
+    Topic& topic = topicOf(key);
     VconfCallbackGenerator* watcher = nullptr;
     {
         const std::lock_guard<std::mutex> guard(topic.lock);
@@ -156,105 +151,105 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
 
 int ZOLSystemDataNotify::RegisterZOLConcurrentAppListCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(ZOLConcurrentAppList, __func__, callback, userData);
+    return add(key::ZOLConcurrentAppList, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLConcurrentAppListCallback(ZOLStringCallback callback)
 {
-    return remove(ZOLConcurrentAppList, __func__, callback);
+    return remove(key::ZOLConcurrentAppList, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterDravixResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(DravixResetCount, __func__, callback, userData);
+    return add(key::DravixResetCount, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterDravixResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(DravixResetCount, __func__, callback);
+    return remove(key::DravixResetCount, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterServiceResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(ServiceResetCount, __func__, callback, userData);
+    return add(key::ServiceResetCount, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterServiceResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(ServiceResetCount, __func__, callback);
+    return remove(key::ServiceResetCount, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterFactoryResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(FactoryResetCount, __func__, callback, userData);
+    return add(key::FactoryResetCount, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterFactoryResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(FactoryResetCount, __func__, callback);
+    return remove(key::FactoryResetCount, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterWebAppUninstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(WebAppUninstall, __func__, callback, userData);
+    return add(key::WebAppUninstall, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppUninstallCallback(ZOLStringCallback callback)
 {
-    return remove(WebAppUninstall, __func__, callback);
+    return remove(key::WebAppUninstall, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterWebAppInstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(WebAppInstall, __func__, callback, userData);
+    return add(key::WebAppInstall, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppInstallCallback(ZOLStringCallback callback)
 {
-    return remove(WebAppInstall, __func__, callback);
+    return remove(key::WebAppInstall, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterOSDCountryCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(OSDCountry, __func__, callback, userData);
+    return add(key::OSDCountry, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterOSDCountryCallback(ZOLStringCallback callback)
 {
-    return remove(OSDCountry, __func__, callback);
+    return remove(key::OSDCountry, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterBackgroundVolumeCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(BackgroundVolume, __func__, callback, userData);
+    return add(key::BackgroundVolume, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterBackgroundVolumeCallback(ZOLIntCallback callback)
 {
-    return remove(BackgroundVolume, __func__, callback);
+    return remove(key::BackgroundVolume, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(ZOLSituationalHintSupported, __func__, callback, userData);
+    return add(key::ZOLSituationalHintSupported, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback)
 {
-    return remove(ZOLSituationalHintSupported, __func__, callback);
+    return remove(key::ZOLSituationalHintSupported, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLLanguageCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(ZOLLanguage, __func__, callback, userData);
+    return add(key::ZOLLanguage, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLLanguageCallback(ZOLStringCallback callback)
 {
-    return remove(ZOLLanguage, __func__, callback);
+    return remove(key::ZOLLanguage, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(ZOLDefaultAssistantAppid, __func__, callback, userData);
+    return add(key::ZOLDefaultAssistantAppid, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback)
 {
-    return remove(ZOLDefaultAssistantAppid, __func__, callback);
+    return remove(key::ZOLDefaultAssistantAppid, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLActivatedCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(ZOLActivated, __func__, callback, userData);
+    return add(key::ZOLActivated, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLActivatedCallback(ZOLBoolCallback callback)
 {
-    return remove(ZOLActivated, __func__, callback);
+    return remove(key::ZOLActivated, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLMultipleModeCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(ZOLMultipleMode, __func__, callback, userData);
+    return add(key::ZOLMultipleMode, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLMultipleModeCallback(ZOLBoolCallback callback)
 {
-    return remove(ZOLMultipleMode, __func__, callback);
+    return remove(key::ZOLMultipleMode, __func__, callback);
 }

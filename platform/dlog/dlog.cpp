@@ -93,7 +93,7 @@ void appendSafe(std::string& line, const char* text)
         const auto byte = static_cast<unsigned char>(*text);
         if ((byte < 0x20 && byte != '\t') || byte == 0x7f) {
             char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
             line += escaped;
         } else {
             line += *text;
@@ -109,7 +109,7 @@ std::string formatMessage(const char* format, va_list arguments)
     const int length = std::vsnprintf(&message[0], message.size(), format, arguments);
     if (length >= 0 && static_cast<size_t>(length) >= message.size()) {
         message.resize(static_cast<size_t>(length) + 1);
-        std::vsnprintf(&message[0], message.size(), format, again);
+        (void)std::vsnprintf(&message[0], message.size(), format, again);
     }
     va_end(again);
     message.resize(length < 0 ? 0 : static_cast<size_t>(length));

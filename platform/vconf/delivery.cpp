@@ -111,11 +111,17 @@ void Delivery::startThread()
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    struct Restore {
-        const sigset_t& mask;
-        ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
-    } const restore{before};
-    std::thread([this] { run(); }).detach();
+    pthread_t thread{};
+    const auto body = [](void* self) -> void* {
+        static_cast<Delivery*>(self)->run();
+        return nullptr;
+    };
+    const int code = pthread_create(&thread, nullptr, body, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (code != 0) {
+        throw Error(std::string("cannot start the delivering thread: ") + std::strerror(code));
+    }
+    pthread_detach(thread);
 }
 
 // ---- the thread -----------------------------------------------------------------------------------------------------
@@ -124,25 +130,27 @@ void Delivery::run()
 {
     pthread_setname_np(pthread_self(), "vconf");
     const pid_t started = getpid();
+    int signals = -1;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        signals = signals_;
+    }
     alignas(inotify_event) char events[4096];
     for (;;) {
         try {
             while (deliverOnce()) {
             }
+            if (getpid() != started) {
+                return;  // a handler forked, and this is the child
+            }
+            while (read(signals, events, sizeof events) < 0) {
+                if (errno != EINTR) {
+                    throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
+                }
+            }
         } catch (const std::exception& error) {
             logLine("delivery", error.what());
             std::this_thread::sleep_for(kPauseAfterError);
-            continue;
-        }
-        if (getpid() != started) {
-            return;  // a handler forked, and this is the child
-        }
-        int signals = -1;
-        {
-            const std::lock_guard<std::mutex> guard(lock_);
-            signals = signals_;
-        }
-        while (read(signals, events, sizeof events) < 0 && errno == EINTR) {
         }
     }
 }
@@ -175,9 +183,6 @@ bool Delivery::deliverOnce()
         settled = UINT64_MAX;
         persistent.cutOff = fleeting.cutOff = false;
     }
-    const bool found =
-        persistent.upTo > half(Lifetime::Persistent).seen || fleeting.upTo > half(Lifetime::Volatile).seen;
-
     for (;;) {
         const bool persistentLeft = !persistent.empty();
         const bool fleetingLeft = !fleeting.empty();
@@ -193,13 +198,17 @@ bool Delivery::deliverOnce()
             break;
         }
     }
-    if (persistent.empty()) {
-        half(Lifetime::Persistent).seen = std::max(half(Lifetime::Persistent).seen, persistent.upTo);
+    settle(Lifetime::Persistent, persistent);
+    settle(Lifetime::Volatile, fleeting);
+    return persistent.found() || fleeting.found();
+}
+
+// Once all of a batch is delivered, the writes of other keys after it are done with too.
+void Delivery::settle(Lifetime lifetime, const Batch& batch)
+{
+    if (batch.found() && batch.empty()) {
+        half(lifetime).seen = batch.upTo;
     }
-    if (fleeting.empty()) {
-        half(Lifetime::Volatile).seen = std::max(half(Lifetime::Volatile).seen, fleeting.upTo);
-    }
-    return found;
 }
 
 Delivery::Batch Delivery::collect(Lifetime lifetime)
@@ -210,7 +219,7 @@ Delivery::Batch Delivery::collect(Lifetime lifetime)
         return batch;
     }
     const ReadTransaction transaction(*from.store);
-    batch.upTo = from.seen;
+    batch.from = batch.upTo = from.seen;
     const uint64_t first = transaction.firstSequence();
     if (first > from.seen + 1) {
         batch.missed = first - from.seen - 1;

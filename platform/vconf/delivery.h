@@ -53,19 +53,22 @@ private:
     struct Batch {
         std::vector<Write> writes;  // of subscribed keys
         size_t next = 0;            // the first of them that has not been delivered
+        uint64_t from = 0;          // the last write before the look
         uint64_t upTo = 0;          // the last write that was looked at
         bool cutOff = false;        // there are more
         uint64_t missed = 0;        // how many writes the journal no longer had
         bool empty() const { return next == writes.size(); }
+        bool found() const { return upTo > from; }
     };
     struct Half {
         Store* store = nullptr;  // set by the first subscription
-        uint64_t seen = 0;       // the last write that was delivered or passed over; the thread's own once it runs
+        uint64_t seen = 0;  // the last write that was delivered or passed over; the thread's own once there is a store
     };
 
     void run();
     bool deliverOnce();
     void deliver(Lifetime lifetime, const Write& write);
+    void settle(Lifetime lifetime, const Batch& batch);
     Batch collect(Lifetime lifetime);
     void collectNewest(Lifetime lifetime, const ReadTransaction& transaction, Batch& batch);
     void startThread();

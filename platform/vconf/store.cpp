@@ -14,6 +14,7 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
+constexpr size_t kJournalSlack = 256;
 constexpr unsigned kMaxReaders = 4096;  // a thread that has read holds one of these until it ends
 
 struct ValueHeader {
@@ -87,7 +88,9 @@ void Store::open(Lifetime lifetime)
     checked("set up", mdb_env_set_maxdbs(env_, 2));
     checked("set up", mdb_env_set_mapsize(env_, kMapSize));
     checked("set up", mdb_env_set_maxreaders(env_, kMaxReaders));
-    const unsigned flags = lifetime == Lifetime::Volatile ? MDB_NOSYNC : 0;
+    // A persistent write is flushed in two steps, see write().
+    synced_ = lifetime == Lifetime::Persistent;
+    const unsigned flags = synced_ ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
     checkLength();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
@@ -308,20 +311,35 @@ void Store::write(std::string_view key, int type, std::string_view data)
     to = static_cast<char*>(space.mv_data);
     append(append(append(append(append(to, time), storedType), keySize), key), data);
 
-    for (;;) {
-        MDB_stat stat{};
-        checked("write to", mdb_stat(txn.get(), journal_, &stat));
-        const size_t bytes = (stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
-        if (stat.ms_entries <= kJournalWrites && (bytes <= kJournalBytes || stat.ms_entries == 1)) {
-            break;
-        }
-        checked("write to", mdb_cursor_get(cursor, &number, &ignored, MDB_FIRST));
-        checked("write to", mdb_cursor_del(cursor, 0));
-    }
+    trimJournal(txn.get(), cursor);
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. Nothing to do about a failure; the write is done.
     (void)!pwrite(signal_, "", 1, 0);
+    if (synced_) {
+        // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
+        // should the machine fail meanwhile, they fail with it.
+        checked("write to the disk", mdb_env_sync(env_, 1));
+    }
+}
+
+// Many at a time and seldom, since every write that removes some has more pages to write.
+void Store::trimJournal(MDB_txn* txn, MDB_cursor* cursor) const
+{
+    size_t most = kJournalWrites + kJournalSlack;
+    for (;;) {
+        MDB_stat stat{};
+        checked("write to", mdb_stat(txn, journal_, &stat));
+        const size_t bytes = (stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
+        if (stat.ms_entries <= most && (bytes <= kJournalBytes || stat.ms_entries == 1)) {
+            return;
+        }
+        most = kJournalWrites;
+        MDB_val number{};
+        MDB_val ignored{};
+        checked("write to", mdb_cursor_get(cursor, &number, &ignored, MDB_FIRST));
+        checked("write to", mdb_cursor_del(cursor, 0));
+    }
 }
 
 }  // namespace vconf

@@ -11,6 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,7 +23,7 @@ namespace vconf {
 
 constexpr size_t kMaxKeySize = 511;                  // LMDB's limit for a key
 constexpr size_t kMaxTextSize = size_t{64} << 20;    // of one value
-constexpr size_t kJournalWrites = 4096;              // the journal keeps that many of the latest writes,
+constexpr size_t kJournalWrites = 4096;              // the journal keeps at least that many of the latest writes,
 constexpr size_t kJournalBytes = size_t{256} << 20;  // or fewer where their values together are larger than this
 
 /// A failure with a message for the log.
@@ -72,6 +74,7 @@ class Store {
 public:
     /// @throws std::runtime_error when the folder or the environment cannot be used.
     explicit Store(Lifetime lifetime);
+    ~Store() = delete;
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
@@ -94,6 +97,7 @@ private:
     void openTables();
     void openSignal();
     void checkLength() const;
+    void trimJournal(MDB_txn* txn, MDB_cursor* cursor) const;
     [[noreturn]] void fail(const std::string& what, int code) const;
     void checked(const char* what, int code) const;
 
@@ -102,6 +106,7 @@ private:
     MDB_dbi values_ = 0;
     MDB_dbi journal_ = 0;
     int signal_ = -1;
+    bool synced_ = false;
 };
 
 template <class Visit>
@@ -111,10 +116,7 @@ void ReadTransaction::journalAfter(uint64_t sequence, Visit visit) const
     if (mdb_cursor_open(txn_, store_.journal_, &cursor) != 0) {
         throw std::bad_alloc();
     }
-    struct Close {
-        MDB_cursor* cursor;
-        ~Close() { mdb_cursor_close(cursor); }
-    } const close{cursor};
+    const std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)> close(cursor, mdb_cursor_close);
     Record record;
     bool more = journalEntry(cursor, sequence + 1, MDB_SET_RANGE, record);
     while (more && visit(record)) {

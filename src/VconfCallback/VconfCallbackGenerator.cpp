@@ -162,8 +162,7 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
         return;
     }
 
-    const std::lock_guard<std::mutex> guard(watcher->listMutex);
-    visit.holdsList();
+    visit.lockList();
     // By index, because a callback may fork, and the child starts with an empty list.
     const auto& list = watcher->nodeList;
     const auto callAll = [&list](auto callOne) {

@@ -23,7 +23,7 @@ WatcherCensus::WatcherCensus()
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)
 {
     const std::lock_guard<std::mutex> guard(lock_);
-    present_.emplace(&watcher, Presence());
+    present_[&watcher];
 }
 
 void WatcherCensus::depart(VconfCallbackGenerator& watcher, std::string&& key) noexcept
@@ -55,7 +55,7 @@ void WatcherCensus::startAfreshInChild()
     new (&changed_) std::condition_variable;
     for (auto& [address, presence] : present_) {
         auto& watcher = *static_cast<VconfCallbackGenerator*>(const_cast<void*>(address));
-        const bool here = presence.listHolder == std::this_thread::get_id();
+        const bool here = presence.listHolder.load(std::memory_order_relaxed) == std::this_thread::get_id();
         presence.dispatches = here ? 1 : 0;
         presence.turnTaken = false;
         if (!here) {
@@ -86,7 +86,15 @@ WatcherCensus::Visit::Visit(void* address, const char* key)
         return;
     }
     watcher_ = watcher;
-    ++found->second.dispatches;
+    presence_ = &found->second;  // stays where it is until the watcher departs
+    ++presence_->dispatches;
+}
+
+void WatcherCensus::Visit::lockList()
+{
+    watcher_->listMutex.lock();
+    presence_->listHolder.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    listLocked_ = true;
 }
 
 WatcherCensus::Visit::~Visit()
@@ -94,20 +102,15 @@ WatcherCensus::Visit::~Visit()
     if (watcher_ == nullptr) {
         return;
     }
+    if (listLocked_) {
+        presence_->listHolder.store({}, std::memory_order_relaxed);
+        watcher_->listMutex.unlock();
+    }
     WatcherCensus& census = instance();
     const std::lock_guard<std::mutex> guard(census.lock_);
-    Presence& presence = census.present_.find(watcher_)->second;
-    presence.listHolder = {};
-    if (--presence.dispatches == 0 && presence.leaving) {
+    if (--presence_->dispatches == 0 && presence_->leaving) {
         census.changed_.notify_all();
     }
-}
-
-void WatcherCensus::Visit::holdsList()
-{
-    WatcherCensus& census = instance();
-    const std::lock_guard<std::mutex> guard(census.lock_);
-    census.present_.find(watcher_)->second.listHolder = std::this_thread::get_id();
 }
 
 WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher) : watcher_(watcher)

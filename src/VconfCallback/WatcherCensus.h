@@ -4,6 +4,7 @@
 #define ZOL_SRC_WATCHER_CENSUS_H
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -35,6 +36,13 @@ class VconfCallbackGenerator;
 // looks at it again once it has listMutex, so no callback enters the list of a watcher that is not subscribed.
 
 class WatcherCensus {
+    struct Presence {
+        int dispatches = 0;
+        bool leaving = false;
+        bool turnTaken = false;
+        std::atomic<std::thread::id> listHolder{};  // the dispatching thread that has listMutex, and changes this
+    };
+
 public:
     static WatcherCensus& instance();
 
@@ -54,11 +62,13 @@ public:
 
         /// Null when there is no watcher at that address any more, or another one than the event was meant for.
         VconfCallbackGenerator* watcher() const { return watcher_; }
-        /// To be called when this thread has taken the watcher's lock.
-        void holdsList();
+        /// Takes the watcher's listMutex for the rest of the visit.
+        void lockList();
 
     private:
         VconfCallbackGenerator* watcher_ = nullptr;
+        Presence* presence_ = nullptr;
+        bool listLocked_ = false;
     };
 
     /// A thread's turn to subscribe a watcher.
@@ -77,12 +87,6 @@ public:
     std::unique_lock<std::mutex> holdStill() { return std::unique_lock<std::mutex>(lock_); }
 
 private:
-    struct Presence {
-        int dispatches = 0;
-        bool leaving = false;
-        bool turnTaken = false;
-        std::thread::id listHolder;  // the dispatching thread that has listMutex
-    };
     struct Departed {
         const void* address = nullptr;
         std::string key;

@@ -28,9 +28,10 @@ typedef struct keynode_t keynode_t;
 struct keynode_t {
     const char* keyname;  ///< The key.
     int type;             ///< One of the types above. The library does not look at it.
-    union {
-        int i;          ///< The value of an integer or boolean key, a boolean as 0 or 1.
-        const char* s;  ///< The value of a string key.
+    struct {
+        int i;          ///< The value of an integer or boolean key, a boolean as 0 or 1; otherwise 0.
+        const char* s;  ///< The value of a string key; otherwise null, so that a key written in another type than its
+                        ///< watchers expect does no harm. Where a platform has a union here, it does.
     } value;
 };
 
