@@ -1,0 +1,8 @@
+// A platform that costs as little as one can: what is measured over it is the library.
+#ifndef ZOL_BENCH_NOTHING_H
+#define ZOL_BENCH_NOTHING_H
+
+/// What every string key holds. Writes are accepted and forgotten.
+extern const char* platformText;
+
+#endif
