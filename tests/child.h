@@ -1,0 +1,104 @@
+// Running a piece of a test in a process of its own. The store is opened once in a process, at its first use, so a test
+// of the store does everything in children and chooses the folder for each.
+#ifndef ZOL_TESTS_CHILD_H
+#define ZOL_TESTS_CHILD_H
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <string>
+
+// In a child: ends it with a failure unless the condition holds.
+#define REQUIRE(condition)                                                               \
+    do {                                                                                 \
+        if (!(condition)) {                                                              \
+            std::fprintf(stderr, "%s:%d: not so: %s\n", __FILE__, __LINE__, #condition); \
+            _exit(1);                                                                    \
+        }                                                                                \
+    } while (false)
+
+// Runs the body in a child, which then ends as a program does.
+inline pid_t start(const std::function<void()>& body)
+{
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        std::exit(0);
+    }
+    return pid;
+}
+
+// The exit code, or minus the signal that killed it.
+inline int finish(pid_t pid)
+{
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+inline void inChild(const std::function<void()>& body) { EXPECT_EQ(0, finish(start(body))); }
+
+// A scratch folder that becomes the store's, with the log in a file.
+class StoreTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char name[] = "/tmp/zol-test-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(name));
+        root = name;
+        setenv("ZOL_VCONF_DIR", (root / "store").c_str(), 1);
+        setenv("ZOL_DLOG", (root / "log").c_str(), 1);
+    }
+    void TearDown() override { std::filesystem::remove_all(root); }
+
+    std::string takeLog() const
+    {
+        std::ifstream file(root / "log");
+        std::string text((std::istreambuf_iterator<char>(file)), {});
+        std::filesystem::remove(root / "log");
+        return text;
+    }
+
+    std::filesystem::path root;
+};
+
+// Lets processes wait for each other: one token a byte.
+class Gate {
+public:
+    Gate() { REQUIRE(pipe(ends_) == 0); }
+    ~Gate()
+    {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
+    void open(int tokens = 1) const
+    {
+        for (int i = 0; i < tokens; ++i) {
+            REQUIRE(write(ends_[1], "x", 1) == 1);
+        }
+    }
+    void pass(int tokens = 1) const
+    {
+        char token = 0;
+        for (int i = 0; i < tokens; ++i) {
+            REQUIRE(read(ends_[0], &token, 1) == 1);
+        }
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+#endif

@@ -1,0 +1,31 @@
+#!/bin/bash
+# Building for a platform that pkg-config knows: system_platform_test.sh SOURCE_DIR BUILD_DIR
+# The desk's platform, installed from BUILD_DIR into a scratch prefix, plays the TV's.
+set -euo pipefail
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+prefix=$scratch/prefix
+
+cmake --install "$2" --component desk --prefix "$prefix" >"$scratch/log"
+packages=$(dirname "$(find "$prefix" -name vconf.pc)")
+
+export PKG_CONFIG_PATH=$packages
+if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=OFF -DBUILD_TESTING=OFF &&
+    cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1; then
+    cat "$scratch/log"
+    echo "FAILED: the library does not build"
+    exit 1
+fi
+
+library=$scratch/build/lib/libcapi-zol-tv.so
+for name in libvconf.so.1 libdlog.so.1; do
+    if ! ldd "$library" | grep -F "$name => $prefix/"; then
+        ldd "$library"
+        echo "FAILED: the library does not link the prefix's $name"
+        exit 1
+    fi
+done
+if find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep .; then
+    echo "FAILED: the stand-ins above were built as well"
+    exit 1
+fi

@@ -1,0 +1,184 @@
+#!/bin/bash
+# Tests zolctl from the outside, with a store of its own.
+# Usage: tests/zolctl_test.sh ZOLCTL SOURCE_DIR
+# shellcheck disable=SC2013,SC2016,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
+set -uo pipefail
+
+zolctl=$(realpath "$1")
+source_dir=$(realpath "$2")
+example=$source_dir/examples/living-room.json
+work=$(mktemp -d)
+export ZOL_VCONF_DIR=$work/store
+unset ZOL_DLOG NO_COLOR
+failures=0
+watcher=
+trap '[ -z "$watcher" ] || kill -KILL "$watcher" 2>/dev/null; rm -rf "$work"' EXIT
+
+fail() { echo "FAILED: $*" && failures=$((failures + 1)); }
+same() { [ "$2" = "$3" ] || fail "$1: got '$2', not '$3'"; }
+
+# check CASE EXIT OUT ERR ARG...: runs zolctl and compares its exit code, its output (exactly) and its errors (a part).
+check() {
+    local case=$1 exit=$2 out=$3 err=$4 got_out got_err
+    shift 4
+    got_out=$("$zolctl" "$@" 2>"$work/err" </dev/null)
+    same "$case: exit code" $? "$exit"
+    same "$case: output" "$got_out" "$out"
+    got_err=$(<"$work/err")
+    [[ $got_err == *"$err"* && (-n $err || -z $got_err) ]] || fail "$case: wrote '$got_err', not '$err'"
+}
+
+# until_true CASE COMMAND...: waits for the command to succeed.
+until_true() {
+    local case=$1 tries
+    shift
+    for ((tries = 0; tries < 600; ++tries)); do
+        if "$@"; then return; fi
+        sleep 0.05
+    done
+    fail "$case: did not happen: $*"
+}
+
+# start_watch COUNT ARG...: starts a watcher and waits until it is ready. When it ends by the timeout, it ends with 1.
+start_watch() {
+    : >"$work/err"
+    env --default-signal=INT "$zolctl" watch --timeout 100 --count "$@" 2>"$work/err" 3>&- &
+    watcher=$!
+    until_true "watch $*" grep -q ^watching "$work/err"
+}
+
+watcher_gone() { ! kill -0 "$watcher" 2>/dev/null; }
+
+# end_watch CASE [SIGNAL]
+end_watch() {
+    [ $# -lt 2 ] || kill "-$2" "$watcher"
+    until_true "$1" watcher_gone
+    kill -KILL "$watcher" 2>/dev/null
+    wait "$watcher"
+    same "$1: exit code" $? 0
+    watcher=
+}
+
+# ---- the table of settings ----
+"$zolctl" list >"$work/list"
+names() { awk "NR > 1 && $1 { print \$1 }" "$work/list"; }
+operations() { sed -nE "s/^ZOLSystemData($1)([A-Za-z]+)$2\$/\\2/p" "$source_dir/src/exports.txt" | sort -u; }
+for word in "Get|Is::read" "Set::write" "NotifyRegister:Callback:watch"; do
+    IFS=: read -r before after access <<<"$word"
+    same "list: what is exported for $access" "$(names "\$3 ~ /$access/" | sort)" "$(operations "$before" "$after")"
+done
+same "list: a new store has no values" "$(awk 'NR > 1 { print $4 }' "$work/list" | uniq -c | xargs)" "29 -"
+
+# ---- reading and writing ----
+check "unset boolean" 1 "" "zolctl set ZOLActivated VALUE" get ZOLActivated
+check "unset string" 1 "" "zolctl inject ModelId VALUE" get ModelId
+check "unset app list" 1 "" "concurrent enable APPID" concurrent list
+check "empty dump" 0 "{}" "" dump
+strings=$(names '$2 == "string"') booleans=$(names '$2 == "boolean"')
+for name in $strings; do "$zolctl" inject "$name" "text of $name"; done
+for name in $strings; do check "getter and key of $name" 0 "text of $name" "" get "$name"; done
+for name in $booleans; do "$zolctl" inject "$name" off; done
+for name in $booleans; do
+    "$zolctl" inject "$name" 1
+    same "getter and key of $name" "$("$zolctl" dump | grep true | tr -d ' ,')" "\"$name\":true"
+    "$zolctl" inject "$name" false
+done
+for name in $(names '$3 ~ /write/'); do check "set $name" 0 "" "" set "$name" on; done
+check "lowest" 0 "" "" inject BackgroundVolume -2147483648
+"$zolctl" load "$example" || fail "load of the example"
+same "dump gives what was loaded" "$("$zolctl" dump)" "$(<"$example")"
+check "get --json" 0 $'{\n    "AmbientMode": true\n}' "" get AmbientMode --json
+check "enable" 0 "" "" concurrent enable app.x app.y
+check "disable" 0 "" "" concurrent disable org.example.alpha app.x
+check "concurrent list" 0 '["app.y"]' "" concurrent list --json
+
+# ---- refusals ----
+"$zolctl" dump >"$work/before"
+range="from -2147483648 to 2147483647"
+while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $arguments; done <<'END'
+|zolctl --help
+get osdlanguag|did you mean OSDLanguage?
+get Xyz|zolctl list shows
+set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE
+set ZOLActivated maybe|takes on, off
+watch TVName|these can: 
+load none.json|No such file
+END
+check "empty text" 2 "" "refuses empty values" set OSDLanguage ""
+check "no app" 2 "" "no app id" concurrent enable app.z ""
+for number in 2147483648 -2147483649 1.5 " 1" ""; do
+    check "number '$number'" 2 "" "$range" inject BackgroundVolume -- "$number"
+done
+while IFS='|' read -r text err; do
+    printf "%b" "$text" >"$work/file.json"
+    check "load ${text:0:60}" 2 "" "$err" load "$work/file.json"
+done <<END
+{"TVName":"x","TvName":"x"}|file.json: unknown setting TvName; did you mean TVName?
+{"TVName":"x","OSDCountry":1}|OSDCountry must be a string
+{"TVName":"x","BackgroundVolume":2147483648}|$range
+{"TVName":"x","BackgroundVolume":1.0}|$range
+{"TVName":"x","AmbientMode":1}|AmbientMode must be true or false
+{"TVName":"x","TVName":"x"}|TVName stands there twice
+{"TVName":"x\\\\u0000y"}|NUL character
+{"TVName":"x\\0377"}|not JSON
+{"TVName":"x"}\\n{|line 2: not JSON
+["TVName"]|one JSON object
+$(printf '[%.0s' {1..100000})|not JSON
+END
+same "refused, so nothing is written" "$("$zolctl" dump)" "$(<"$work/before")"
+for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "concurrent enable a" "watch" "load $example"; do
+    ZOL_VCONF_DIR=$work/before/store check "unusable store: $command" 1 "" "-v" $command
+done
+
+# ---- output ----
+nasty=$'\e[2J\x07 \xc2\x9b \xc3\xbc'
+"$zolctl" inject TVName "$nasty"
+check "raw to a script" 0 "$nasty" "" get TVName
+on_terminal() { script -qec "'$zolctl' $1" /dev/null </dev/null; }
+same "escaped on a terminal" "$(on_terminal "get TVName")" '\x1b[2J\x07 \xc2\x9b '$'\xc3\xbc\r'
+[[ $(TERM=xterm on_terminal list) == *$'\e[1mNAME'* ]] || fail "colour on a terminal"
+[[ $(TERM=xterm NO_COLOR=1 on_terminal list) != *$'\e'* ]] || fail "colour with NO_COLOR"
+same "dump and load" "$("$zolctl" dump | "$zolctl" load - && "$zolctl" get TVName)" "$nasty"
+"$zolctl" inject TVName $'\xff'
+check "not UTF-8" 1 "{}" "TVName is not UTF-8" get TVName --json
+"$zolctl" list >/dev/full 2>/dev/null && fail "full disk"
+"$zolctl" list >&- 2>/dev/null && fail "closed output"
+[[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null) == *libZOL* ]] || fail "-v shows the log"
+
+# ---- watch ----
+start_watch 13 --json >"$work/out"
+for name in $(names '$3 ~ /watch/'); do "$zolctl" inject "$name" 1; done
+end_watch "watch all"
+time='^\{"time":"[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{3}",'
+same "watch all" "$(sed -E "s/$time//" "$work/out")" "$(awk '$3 ~ /watch/ {
+    value["string"] = "\"1\""; value["integer"] = 1; value["boolean"] = "true"
+    print "\"name\":\"" $1 "\",\"value\":" value[$2] "}" }' "$work/list")"
+for signal in INT TERM; do
+    ZOL_DLOG=$work/log.$signal start_watch 99 >"$work/out"
+    "$zolctl" inject WebAppInstall $'a\nb'
+    until_true "watch and $signal" grep -qE '^[0-9:.]{12}  WebAppInstall  a\\x0ab$' "$work/out"
+    end_watch "watch and $signal" "$signal"
+    same "callbacks unregistered at $signal" "$(grep -c 'Remove callbackGenerator' "$work/log.$signal")" 13
+done
+"$zolctl" inject ZOLConcurrentAppList '[{"appid":"a","concurrent":"on"}]'
+start_watch 4 ZOLConcurrentAppList --diff >"$work/out"
+"$zolctl" concurrent enable b
+"$zolctl" concurrent disable a c
+"$zolctl" inject ZOLConcurrentAppList nothing
+end_watch "watch --diff"
+same "watch --diff" "$(cut -d' ' -f5- "$work/out")" $'+b\n-a\n(no app changed)\n-b (not a list)'
+check "watch timeout" 1 "" "timed out after 0 of 1" watch ZOLActivated --count 1 --timeout 0.05
+check "watch for a time" 0 "" "watching 1 setting" watch ZOLActivated ZOLActivated --timeout 0.05
+
+mkfifo "$work/pipe"
+exec 3<>"$work/pipe"
+start_watch 99 >"$work/pipe"
+exec 3>&-
+end_watch "watch whose reader is gone"
+exec 3<>"$work/pipe"
+start_watch 99 >"$work/pipe"
+"$zolctl" inject WebAppInstall "$(printf 'x%.0s' {1..100000})" # more than a pipe holds
+until_true "the first of it" [ "$(timeout 30 head -c 20000 <&3 | wc -c)" = 20000 ]
+end_watch "watch whose reader stands still" TERM
+
+[ "$failures" = 0 ] || { echo "$failures failures" && exit 1; }
