@@ -175,7 +175,11 @@ int work(unsigned writer)
         }
     }
     // The driver writes "end" to a key of each half when all have stopped.
-    for (;;) {
+    for (int waits = 0;; ++waits) {
+        if (waits == 6000) {
+            std::printf("worker %4u was not told of the end\n", writer);
+            return 1;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         const std::lock_guard<std::mutex> guard(watchedLock);
         if (watched[key::ZOLLanguage].last == "end" && watched[key::WebAppInstall].last == "end") {

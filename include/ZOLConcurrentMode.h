@@ -23,7 +23,7 @@
 ///
 /// Threads: any. The list is read, changed and written back without a lock, so of two calls that overlap, in one
 /// process or in two, the later write wins and the other change is lost.
-/// Throws nothing but std::bad_alloc.
+/// Throws nothing of its own; std::bad_alloc from copying a string comes through.
 ZOL_API bool SetZOLConcurrentMode(std::string appid, std::string mode);
 
 #endif

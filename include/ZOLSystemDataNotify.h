@@ -39,9 +39,8 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// vconf that delivers on one thread, as the desk's does, this cannot happen. An exception that leaves a callback is
 /// caught and logged, and the next callback is called.
 ///
-/// When user data may be freed: as soon as the unregister operation has returned, on any thread but the delivering one.
-/// The callback then does not run and will not run again. On the delivering thread the same holds, because the callback
-/// of another topic cannot be running there.
+/// When user data may be freed: as soon as the unregister operation has returned, on whichever thread. The callback
+/// then does not run and will not run again.
 ///
 /// Threads: every operation may be called from any thread. A process that calls fork() keeps its registrations; the
 /// child starts without any. Errors are reported by results and in the log under the tag "libZOL"; nothing is thrown

@@ -3,6 +3,7 @@
 #include <dlog.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,8 +25,16 @@ namespace {
 struct Target {
     int fd = -1;
     bool needsLock = false;
-    pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
 };
+pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
+
+// A child forked while another thread writes would find the lock taken for ever. This is set up while the library is
+// loaded, before its users can set up theirs: what is set up first is called last, and users log with their locks held.
+[[gnu::constructor]] void setUpFork()
+{
+    pthread_atfork([] { pthread_mutex_lock(&lineLock); }, [] { pthread_mutex_unlock(&lineLock); },
+                   [] { pthread_mutex_unlock(&lineLock); });
+}
 
 Target* openTarget()
 {
@@ -45,11 +54,6 @@ Target* openTarget()
     }
     struct stat status {};
     target.needsLock = target.fd == STDERR_FILENO || fstat(target.fd, &status) != 0 || !S_ISREG(status.st_mode);
-    if (target.needsLock) {
-        // A child forked while another thread writes would find the lock taken for ever.
-        pthread_atfork([] { pthread_mutex_lock(&target.lineLock); }, [] { pthread_mutex_unlock(&target.lineLock); },
-                       [] { pthread_mutex_unlock(&target.lineLock); });
-    }
     return &target;
 }
 
@@ -57,7 +61,10 @@ bool writeAll(int fd, const char* data, size_t size)
 {
     while (size > 0) {
         const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno != EINTR) {
+        if (written < 0 && errno == EAGAIN) {
+            pollfd ready{fd, POLLOUT, 0};  // somebody made it non-blocking; half a line would spoil the next
+            poll(&ready, 1, -1);
+        } else if (written < 0 && errno != EINTR) {
             return false;
         }
         if (written > 0) {
@@ -73,28 +80,34 @@ bool writeLine(Target& target, const std::string& line)
     if (!target.needsLock) {
         return writeAll(target.fd, line.data(), line.size());
     }
-    pthread_mutex_lock(&target.lineLock);
+    pthread_mutex_lock(&lineLock);
     struct flock whole {};
     whole.l_type = F_WRLCK;
-    const bool locked = fcntl(target.fd, F_SETLKW, &whole) == 0;  // where it is not supported, better mixed than lost
+    int code = 0;
+    while ((code = fcntl(target.fd, F_SETLKW, &whole)) != 0 && errno == EINTR) {
+    }
+    const bool locked = code == 0;  // where it is not supported, better mixed than lost
     const bool done = writeAll(target.fd, line.data(), line.size());
     if (locked) {
         whole.l_type = F_UNLCK;
         fcntl(target.fd, F_SETLK, &whole);
     }
-    pthread_mutex_unlock(&target.lineLock);
+    pthread_mutex_unlock(&lineLock);
     return done;
 }
 
-// Control characters are spelled out, so that no value can forge a line or steer a terminal.
+// Control characters are spelled out, also those from U+0080 to U+009F, so that no value can forge a line or steer a
+// terminal.
 void appendSafe(std::string& line, const char* text)
 {
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
-        if ((byte < 0x20 && byte != '\t') || byte == 0x7f) {
+        const auto next = static_cast<unsigned char>(text[1]);
+        if ((byte < 0x20 && byte != '\t') || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next <= 0x9f)) {
             char escaped[5];
-            (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte == 0xc2 ? next : byte);
             line += escaped;
+            text += byte == 0xc2 ? 1 : 0;
         } else {
             line += *text;
         }

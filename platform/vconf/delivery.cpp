@@ -20,7 +20,11 @@ namespace {
 
 constexpr size_t kBatchWrites = 256;
 constexpr size_t kBatchBytes = size_t{1} << 20;
-constexpr std::chrono::milliseconds kPauseAfterError{100};
+constexpr std::chrono::milliseconds kPauseAfterError{100};  // doubles from one error to the next,
+constexpr std::chrono::seconds kLongestPause{10};           // up to this
+
+// Thrown where a handler returns in a child of fork(), to end what would be a second delivering thread there.
+struct InChildOfFork {};
 
 }  // namespace
 
@@ -89,6 +93,7 @@ void Delivery::resetInChild()
     subscriptions_.clear();
     halves_ = {};
     running_ = false;
+    ++forks_;
     if (signals_ >= 0) {
         close(signals_);  // it is shared with the parent, whose events must not be read here
         signals_ = -1;
@@ -129,7 +134,7 @@ void Delivery::startThread()
 void Delivery::run()
 {
     pthread_setname_np(pthread_self(), "vconf");
-    const pid_t started = getpid();
+    std::chrono::milliseconds pause = kPauseAfterError;
     int signals = -1;
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -140,17 +145,18 @@ void Delivery::run()
         try {
             while (deliverOnce()) {
             }
-            if (getpid() != started) {
-                return;  // a handler forked, and this is the child
-            }
             while (read(signals, events, sizeof events) < 0) {
                 if (errno != EINTR) {
                     throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
                 }
             }
+            pause = kPauseAfterError;
+        } catch (const InChildOfFork&) {
+            return;
         } catch (const std::exception& error) {
             logLine("delivery", error.what());
-            std::this_thread::sleep_for(kPauseAfterError);
+            std::this_thread::sleep_for(pause);
+            pause = std::min<std::chrono::milliseconds>(pause * 2, kLongestPause);
         }
     }
 }
@@ -285,7 +291,11 @@ void Delivery::deliver(Lifetime lifetime, const Write& write)
         } else {
             std::memcpy(&node.value.i, write.data.data(), std::min(sizeof node.value.i, write.data.size()));
         }
+        const unsigned forks = forks_;
         next.handler(&node, next.userData);
+        if (forks_ != forks) {
+            throw InChildOfFork();
+        }
     }
 }
 

@@ -18,9 +18,9 @@ namespace vconf {
 
 /// Delivers every write of a subscribed key to its handlers, in the order of the writes, on one thread of its own.
 ///
-/// The thread sleeps until a signal file is written to or closed, then reads the journals onward from where it stopped.
-/// A process that falls behind by more than the journal holds gets the newest value of each subscribed key that
-/// changed, once, and a line in the log.
+/// The thread sleeps until a signal file is written to or closed (so also when a process that had the store open ends),
+/// then reads the journals onward from where it stopped. A process that falls behind by more than the journal holds
+/// gets the newest value of each subscribed key that changed, once, and a line in the log.
 class Delivery {
 public:
     /// Starts the thread if it does not run yet.
@@ -84,6 +84,7 @@ private:
     uint64_t nextId_ = 1;
     int signals_ = -1;
     bool running_ = false;
+    unsigned forks_ = 0;  // rises in a child of fork(); the thread of the parent is not to go on there
 };
 
 /// The half that a key belongs to.

@@ -17,6 +17,9 @@ namespace fs = std::filesystem;
 namespace vconf {
 namespace {
 
+constexpr char kVolatilePrefix[] = "volatile-";
+constexpr std::size_t kBootIdSize = 36;
+
 std::string environment(const char* name)
 {
     const char* value = std::getenv(name);
@@ -36,9 +39,14 @@ fs::path absolute(const std::string& text, const char* variable)
 // to be gone by then anyhow: each start of the machine gets a folder of its own.
 std::string thisBoot()
 {
+    constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
     std::string id;
-    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
-    return "volatile-" + (id.empty() ? "0" : id);
+    std::ifstream(kSource) >> id;
+    if (id.size() != kBootIdSize) {
+        throw std::runtime_error(std::string("cannot tell this start of the machine from others: ") + kSource +
+                                 " cannot be read");
+    }
+    return kVolatilePrefix + id;
 }
 
 void create(const fs::path& folder)
@@ -121,12 +129,20 @@ fs::path applicationFolder(Lifetime lifetime)
     return local / "state" / "zol-tv";
 }
 
+// Removes the files of the store alone, and a folder only when nothing else is in it.
 void removeEarlierBoots(const fs::path& parent, const fs::path& current)
 {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(parent, ignored)) {
-        if (entry.path() != current && entry.path().filename().string().rfind("volatile-", 0) == 0) {
-            fs::remove_all(entry.path(), ignored);
+        const fs::path& folder = entry.path();
+        const std::string name = folder.filename().string();
+        if (folder != current && name.rfind(kVolatilePrefix, 0) == 0 &&
+            name.size() == std::strlen(kVolatilePrefix) + kBootIdSize &&
+            fs::is_directory(entry.symlink_status(ignored))) {
+            for (const char* file : {"data.mdb", "lock.mdb", "signal"}) {
+                fs::remove(folder / file, ignored);
+            }
+            fs::remove(folder, ignored);
         }
     }
 }

@@ -140,6 +140,11 @@ void Store::openSignal()
     if (signal_ < 0) {
         throw Error("cannot open " + signalPath() + ": " + std::strerror(errno));
     }
+    // Its one byte takes its place on the disk now, so that a full disk cannot keep a later signal from being given.
+    struct stat status {};
+    if (fstat(signal_, &status) != 0 || (status.st_size == 0 && pwrite(signal_, "\0", 1, 0) != 1)) {
+        throw Error("cannot write to " + signalPath() + ": " + std::strerror(errno));
+    }
 }
 
 void Store::closeSignalInChild()
@@ -314,7 +319,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     trimJournal(txn.get(), cursor);
     checked("write to", mdb_txn_commit(txn.release()));
 
-    // Not before the commit: whoever is woken must find the write. Nothing to do about a failure; the write is done.
+    // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
     (void)!pwrite(signal_, "", 1, 0);
     if (synced_) {
         // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
@@ -334,7 +339,11 @@ void Store::trimJournal(MDB_txn* txn, MDB_cursor* cursor) const
         if (stat.ms_entries <= most && (bytes <= kJournalBytes || stat.ms_entries == 1)) {
             return;
         }
-        most = kJournalWrites;
+        if (most != kJournalWrites) {
+            most = kJournalWrites;
+            // A reader that was killed holds on to the pages of its snapshot, and the file would grow without end.
+            mdb_reader_check(env_, nullptr);
+        }
         MDB_val number{};
         MDB_val ignored{};
         checked("write to", mdb_cursor_get(cursor, &number, &ignored, MDB_FIRST));

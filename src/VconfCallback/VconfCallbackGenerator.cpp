@@ -16,9 +16,10 @@
 namespace {
 
 // Calls one callback. What it throws stops here: vconf is C code, and the other callbacks are to be called all the
-// same. The same goes for a text that cannot be copied.
+// same. The same goes for a text that cannot be copied. The node is a copy, because a callback that forks finds the
+// list at its end in the child.
 template <class Value, class From>
-void call(const CallbackNode& node, const From& value)
+void call(CallbackNode node, const From& value)
 {
     dlog_print(ZOL_LINE_OF("VconfCallbackMethod", "call cb (%p)"), node.callback);
     try {
@@ -62,12 +63,13 @@ int VconfCallbackGenerator::RegisterCallback(void* callback, void* userData)
     }
     for (;;) {
         if (!isExistVconfCallback) {
-            const WatcherCensus::Turn turn(*this);
+            WatcherCensus::Turn turn(*this);
             if (!isExistVconfCallback) {
                 if (vconf_notify_key_changed(vconfPath.c_str(), VconfCallbackMethod, this) != 0) {
                     dlog_print(ZOL_LINE("failed to vconf_notify_key_changed"));
                     return 0;
                 }
+                turn.subscribed();
                 isExistVconfCallback = true;
             }
         }
@@ -147,12 +149,13 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
         dlog_print(ZOL_LINE("vconf keynode_t is NULL"));
         return;
     }
-    dlog_print(ZOL_LINE("Vconf cb invoked : %s"), node->keyname);
+    const char* key = node->keyname != nullptr ? node->keyname : "";
+    dlog_print(ZOL_LINE("Vconf cb invoked : %s"), key);
     if (userData == nullptr) {
         dlog_print(ZOL_LINE("This can not be a null pointer"));
         return;
     }
-    WatcherCensus::Visit visit(userData, node->keyname);
+    WatcherCensus::Visit visit(userData, key);
     VconfCallbackGenerator* const watcher = visit.watcher();
     if (watcher == nullptr) {
         return;  // the event was on its way when its watcher was destroyed

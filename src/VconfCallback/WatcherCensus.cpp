@@ -33,9 +33,11 @@ void WatcherCensus::depart(VconfCallbackGenerator& watcher, std::string&& key) n
     Presence& presence = found->second;
     presence.leaving = true;
     changed_.wait(guard, [&] { return presence.dispatches == 0; });
+    if (presence.wasSubscribed) {
+        departed_[nextDeparted_] = {&watcher, std::move(key)};
+        nextDeparted_ = (nextDeparted_ + 1) % kRemembered;
+    }
     present_.erase(found);
-    departed_[nextDeparted_] = {&watcher, std::move(key)};
-    nextDeparted_ = (nextDeparted_ + 1) % kRemembered;
 }
 
 bool WatcherCensus::hasDeparted(const void* address, const char* key) const
@@ -71,8 +73,13 @@ void WatcherCensus::startAfreshInChild()
 
 // An event that was meant for a watcher that is gone can find another watcher at the same address. It carries the gone
 // one's key. Whether the key is the present watcher's does not tell the two apart, since an event under another name is
-// delivered; whether it is that of a watcher that was there before does. What remains: an event that comes when another
-// 1,024 watchers have been destroyed since, and one that both came late and bore another name than its key's.
+// delivered; whether it is that of a watcher that was there before does. What remains:
+// - a late event is delivered when its key is the present watcher's too, as a value of before its callbacks'
+// registration
+//   (in the registry such watchers have one type; who makes watchers of one key in two types must not reuse the
+//   address);
+// - a late event is delivered when 1,024 watchers have been destroyed since its own, or when it did not bear its key;
+// - an event that is on time but bears the key of a watcher that was at that address before is dropped.
 WatcherCensus::Visit::Visit(void* address, const char* key)
 {
     WatcherCensus& census = instance();
@@ -113,19 +120,25 @@ WatcherCensus::Visit::~Visit()
     }
 }
 
-WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher) : watcher_(watcher)
+WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher)
 {
     WatcherCensus& census = instance();
     std::unique_lock<std::mutex> guard(census.lock_);
-    Presence& presence = census.present_.find(&watcher)->second;
-    census.changed_.wait(guard, [&] { return !presence.turnTaken; });
-    presence.turnTaken = true;
+    presence_ = &census.present_.find(&watcher)->second;
+    census.changed_.wait(guard, [this] { return !presence_->turnTaken; });
+    presence_->turnTaken = true;
+}
+
+void WatcherCensus::Turn::subscribed()
+{
+    const std::lock_guard<std::mutex> guard(instance().lock_);
+    presence_->wasSubscribed = true;
 }
 
 WatcherCensus::Turn::~Turn()
 {
     WatcherCensus& census = instance();
     const std::lock_guard<std::mutex> guard(census.lock_);
-    census.present_.find(&watcher_)->second.turnTaken = false;
+    presence_->turnTaken = false;
     census.changed_.notify_all();
 }

@@ -25,6 +25,8 @@ class VconfCallbackGenerator;
 //               every list whole.
 //
 // Order: key lock, then census; turn, then census; listMutex, then census. Nothing is called with the census lock held.
+// The locks of the platform come last: a key lock, a turn and a listMutex are held while the log is written to, and a
+// turn or a listMutex while vconf is told of a subscription or its end. Around fork() they are taken in the same order.
 // No thread waits for a listMutex or a turn while it holds a key lock: the registry only counts who is inside the
 // watcher. So a callback, which runs with a listMutex held, may take every key lock. What remains is that a
 // registration waits for the callbacks of its topic; ZOLSystemDataNotify.h says what follows for callbacks.
@@ -40,6 +42,7 @@ class WatcherCensus {
         int dispatches = 0;
         bool leaving = false;
         bool turnTaken = false;
+        bool wasSubscribed = false;
         std::atomic<std::thread::id> listHolder{};  // the dispatching thread that has listMutex, and changes this
     };
 
@@ -76,11 +79,13 @@ public:
     public:
         explicit Turn(VconfCallbackGenerator& watcher);
         ~Turn();
+        /// To be called when vconf has accepted the subscription.
+        void subscribed();
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
 
     private:
-        VconfCallbackGenerator& watcher_;
+        Presence* presence_ = nullptr;
     };
 
     /// Held while a list of callbacks changes.

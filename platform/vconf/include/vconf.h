@@ -11,8 +11,9 @@
 ///
 /// What the stand-in adds to that: keys are 1 to 511 bytes and texts at most 64 MiB long; a null argument fails; a call
 /// that fails for any reason but a missing key writes one line to the log that says what is wrong. Keys that begin with
-/// "memory/" last until the machine restarts, all others are on disk when the call that writes them returns. After
-/// fork() the child may use every function; it has no subscriptions of its own yet.
+/// "memory/" last until the machine restarts, all others are on disk when the call that writes them returns; a write
+/// that fails at the very last, because the disk reports an error, may have been seen by others. After fork() the child
+/// may use every function; it has no subscriptions of its own yet.
 #ifndef VCONF_H
 #define VCONF_H
 
@@ -26,7 +27,7 @@ enum { VCONF_TYPE_BOOL = 0, VCONF_TYPE_INT = 1, VCONF_TYPE_STRING = 2 };
 /// A changed key, as a handler sees it. The record and the texts in it belong to the store and end with the call.
 typedef struct keynode_t keynode_t;
 struct keynode_t {
-    const char* keyname;  ///< The key.
+    const char* keyname;  ///< The key; never null.
     int type;             ///< One of the types above. The library does not look at it.
     struct {
         int i;          ///< The value of an integer or boolean key, a boolean as 0 or 1; otherwise 0.
