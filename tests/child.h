@@ -7,15 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <map>
-#include <string>
 
 // In a child: ends it with a failure unless the condition holds.
 #define REQUIRE(condition)                                                               \
@@ -48,31 +42,7 @@ inline int finish(pid_t pid)
 
 inline void inChild(const std::function<void()>& body) { EXPECT_EQ(0, finish(start(body))); }
 
-// A scratch folder that becomes the store's, with the log in a file.
-class StoreTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        char name[] = "/tmp/zol-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(name));
-        root = name;
-        setenv("ZOL_VCONF_DIR", (root / "store").c_str(), 1);
-        setenv("ZOL_DLOG", (root / "log").c_str(), 1);
-    }
-    void TearDown() override { std::filesystem::remove_all(root); }
-
-    std::string takeLog() const
-    {
-        std::ifstream file(root / "log");
-        std::string text((std::istreambuf_iterator<char>(file)), {});
-        std::filesystem::remove(root / "log");
-        return text;
-    }
-
-    std::filesystem::path root;
-};
-
-// Lets processes wait for each other: one token a byte.
+// Lets processes or threads wait for each other: one token a byte.
 class Gate {
 public:
     Gate() { REQUIRE(pipe(ends_) == 0); }
@@ -83,12 +53,7 @@ public:
     }
     Gate(const Gate&) = delete;
     Gate& operator=(const Gate&) = delete;
-    void open(int tokens = 1) const
-    {
-        for (int i = 0; i < tokens; ++i) {
-            REQUIRE(write(ends_[1], "x", 1) == 1);
-        }
-    }
+    void open() const { REQUIRE(write(ends_[1], "x", 1) == 1); }
     void pass(int tokens = 1) const
     {
         char token = 0;

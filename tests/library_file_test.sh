@@ -4,7 +4,6 @@
 set -euo pipefail
 export LC_ALL=C
 library=$1
-exports=$2
 failed=0
 
 same() {
@@ -14,17 +13,9 @@ same() {
     fi
 }
 
-same "exported symbols" "$(grep -v '^#' "$exports")" "$(nm -D --defined-only --format=posix "$library" | cut -d' ' -f1)"
+same "exported symbols" "$(grep -v '^#' "$2")" "$(nm -D --defined-only --format=posix "$library" | cut -d' ' -f1)"
 
-platform='dlog_print
-vconf_get_bool
-vconf_get_int
-vconf_get_str
-vconf_ignore_key_changed
-vconf_notify_key_changed
-vconf_set_bool
-vconf_set_int
-vconf_set_str'
+platform=$(printf '%s\n' dlog_print vconf_{get,set}_{bool,int,str} vconf_{ignore,notify}_key_changed)
 # The runtime's symbols have versions; the weak ones are for the toolchain.
 same "symbols needed from the platform" "$platform" \
     "$(nm -D --undefined-only --format=posix "$library" | awk '$1 !~ /@/ && $2 == "U" { print $1 }')"

@@ -3,13 +3,11 @@
 
 #include <gmock/gmock.h>
 
-#include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -20,10 +18,10 @@
 #include "child.h"
 #include "platform_mock.h"
 
-using testing::ElementsAre;
+using mock::boolean;
+using mock::Events;
 
-// ---- memory that runs out, for one size of block in one thread
-// -------------------------------------------------------
+// ---- memory that runs out, for one size of block in one thread ------------------------------------------------------
 
 static thread_local size_t refusedSize = 0;
 __attribute__((noinline)) void* operator new(size_t size)
@@ -47,332 +45,296 @@ extern "C" __attribute__((visibility("default"))) void* malloc(size_t size) noex
 
 namespace {
 
-void* untyped(ZOLIntCallback callback) { return reinterpret_cast<void*>(callback); }
-void* untyped(ZOLStringCallback callback) { return reinterpret_cast<void*>(callback); }
+using NotifyTest = mock::Test;
 
-// What callbacks were told: "value data". The user data is a text.
+// ---- callbacks and what they were told ------------------------------------------------------------------------------
+
 std::mutex toldLock;
 std::vector<std::string>& told = *new std::vector<std::string>;  // never destroyed: some tests deliver to the very end
 
-void tell(const std::string& value, void* data)
-{
-    const std::lock_guard<std::mutex> guard(toldLock);
-    told.push_back(value + " " + static_cast<const char*>(data));
-}
 std::vector<std::string> takeTold()
 {
     const std::lock_guard<std::mutex> guard(toldLock);
     return std::exchange(told, {});
 }
-template <int>
-void onBool(bool value, void* data)
-{
-    tell(value ? "true" : "false", data);
-}
-template <int>
-void onInt(int value, void* data)
-{
-    tell(std::to_string(value), data);
-}
-template <int>
-void onString(std::string value, void* data)
-{
-    tell(value, data);
-    value += "changed";
-}
+std::string print(bool value) { return value ? "true" : "false"; }
+std::string print(int value) { return std::to_string(value); }
+std::string print(const std::string& value) { return value; }
 
+// Writes down "value data"; the user data is a text. The number makes distinct callbacks.
+template <class Value, int>
+void on(Value value, void* data)
+{
+    const std::lock_guard<std::mutex> guard(toldLock);
+    told.push_back(print(value) + " " + static_cast<const char*>(data));
+}
+constexpr auto onText = on<std::string, 1>;
+constexpr auto onTextToo = on<std::string, 2>;
 char one[] = "one";
 char two[] = "two";
 
-std::string line(const std::string& function, const std::string& message)
-{
-    return function + ": DLOG_ERROR \"" + message + "\"";
-}
-std::string start(const std::string& function) { return function + ": \"Start\""; }
+void* untyped(ZOLIntCallback callback) { return reinterpret_cast<void*>(callback); }
+void* untyped(ZOLStringCallback callback) { return reinterpret_cast<void*>(callback); }
 
-// A step of a story: what was called, its result, and all that it did.
-struct Step {
-    std::function<int()> call;
-    int result;
-    std::vector<std::string> events;
+// ---- what the library did -------------------------------------------------------------------------------------------
+
+std::string registryLine(const std::string& function, const std::string& message)
+{
+    return mock::line("ZOLSystemDataNotifyClass.cpp", function, message);
+}
+std::string watcherLine(const std::string& function, const std::string& message)
+{
+    return mock::line("VconfCallbackGenerator.cpp", function, message);
+}
+std::string added(const std::string& message) { return watcherLine("RegisterCallback", message); }
+std::string removed(const std::string& message) { return watcherLine("UnregisterCallback", message); }
+std::string delivered(const std::string& message) { return watcherLine("VconfCallbackMethod", message); }
+
+const std::string kRemoving = "VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"";
+const std::string kSuccess = added("RegisterCallback SUCCESS");
+
+// The making of a topic's watcher, and then some.
+Events created(const std::string& topic, const std::string& key, int type, const Events& more)
+{
+    Events all = {
+        registryLine("Register" + topic + "Callback", "Create VconfCallbackGenerator : " + key),
+        watcherLine("VconfCallbackGenerator", "VconfCallbackGenerator type(" + std::to_string(type) + ") : " + key)};
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+// The release of a topic's watcher, after something.
+Events released(const std::string& topic, Events before)
+{
+    before.push_back(registryLine("Unregister" + topic + "Callback", "Remove callbackGenerator"));
+    before.emplace_back("VconfCallbackGenerator.cpp: ~VconfCallbackGenerator: \"Start\"");
+    return before;
+}
+
+// Compares the result of a call and all that it did.
+void step(int expected, int result, const Events& events, int line = __builtin_LINE())
+{
+    EXPECT_EQ(expected, result) << "in line " << line;
+    mock::did(events, line);
+}
+
+// ---- the topics -----------------------------------------------------------------------------------------------------
+
+template <class Callback>
+struct Kind {
+    int type;
+    Callback first, second;
+    std::vector<std::pair<mock::Value, std::string>> values;  // and what the callbacks are told
 };
-void tellStory(const std::vector<Step>& steps)
-{
-    for (size_t i = 0; i < steps.size(); ++i) {
-        EXPECT_EQ(steps[i].result, steps[i].call()) << "step " << i;
-        EXPECT_EQ(steps[i].events, mock::takeEvents()) << "step " << i;
-    }
-}
-
-using NotifyTest = mock::Test;
-
-// ---- the topics
-// ------------------------------------------------------------------------------------------------------
 
 template <class Callback>
-using Forms = std::array<std::pair<int (*)(Callback, void*), int (*)(Callback)>, 2>;
-#define FORMS(name)                                                                                           \
-    {                                                                                                         \
-        {                                                                                                     \
-            {ZOLSystemDataNotify::Register##name##Callback, ZOLSystemDataNotify::Unregister##name##Callback}, \
-            {                                                                                                 \
-                ZOLSystemDataNotifyRegister##name##Callback, ZOLSystemDataNotifyUnregister##name##Callback    \
-            }                                                                                                 \
-        }                                                                                                     \
-    }
-
-template <class Callback>
-void watchTopic(const std::string& name, const std::string& key, const std::string& type, const Forms<Callback>& forms,
-                Callback first, Callback second, const std::vector<std::pair<mock::Value, std::string>>& values)
+void watchTopic(const Kind<Callback>& kind, const std::string& name, const std::string& key,
+                int (*add)(Callback, void*), int (*remove)(Callback))
 {
     SCOPED_TRACE(name);
-    const std::string add = "Register" + name + "Callback";
-    const std::string remove = "Unregister" + name + "Callback";
-    for (const auto& form : forms) {
-        tellStory({
-            {[&] { return form.second(first); }, 0, {}},
-            {[&] { return form.first(first, one); },
-             1,
-             {line(add, "Create VconfCallbackGenerator : " + key),
-              line("VconfCallbackGenerator", "VconfCallbackGenerator type(" + type + ") : " + key),
-              "vconf_notify_key_changed " + key, line("RegisterCallback", "RegisterCallback SUCCESS")}},
-            {[&] { return form.first(first, two); },
-             1,
-             {line("RegisterCallback", "failed to register callback, it is already existed")}},
-            {[&] { return form.first(second, two); }, 1, {line("RegisterCallback", "RegisterCallback SUCCESS")}},
-        });
-        for (const auto& [value, expected] : values) {
-            mock::put(key, value);
-            EXPECT_EQ(1, mock::fire(key));
-            EXPECT_THAT(takeTold(), ElementsAre(expected + " one", expected + " two"));
-        }
-        mock::takeEvents();
-        tellStory({
-            {[&] { return form.second(first); }, 1, {start("UnregisterCallback")}},
-            {[&] { return form.second(first); },
-             0,
-             {start("UnregisterCallback"), line("UnregisterCallback", "Can't find registered callback")}},
-            {[&] { return form.second(second); },
-             1,
-             {start("UnregisterCallback"), line("UnregisterCallback", "nodeList is empty, call "),
-              "vconf_ignore_key_changed " + key, line(remove, "Remove callbackGenerator"),
-              start("~VconfCallbackGenerator")}},
-        });
+    step(0, remove(kind.first), {});
+    step(1, add(kind.first, one), created(name, key, kind.type, {"vconf_notify_key_changed " + key, kSuccess}));
+    step(1, add(kind.first, two), {added("failed to register callback, it is already existed")});
+    step(1, add(kind.second, two), {kSuccess});
+    for (const auto& [value, expected] : kind.values) {
+        EXPECT_EQ(1, mock::fire(key, value));
+        EXPECT_EQ(Events({expected + " one", expected + " two"}), takeTold());
     }
+    mock::takeEvents();
+    step(1, remove(kind.first), {kRemoving});
+    step(0, remove(kind.first), {kRemoving, removed("Can't find registered callback")});
+    step(1, remove(kind.second),
+         released(name, {kRemoving, removed("nodeList is empty, call "), "vconf_ignore_key_changed " + key}));
 }
 
 TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
 {
-    const std::vector<std::pair<mock::Value, std::string>> texts = {{mock::text("[]"), "[]"}, {mock::text(""), ""}};
-    const std::vector<std::pair<mock::Value, std::string>> numbers = {{mock::integer(-5), "-5"}};
-    const std::vector<std::pair<mock::Value, std::string>> switches = {
-        {mock::boolean(1), "true"}, {mock::boolean(0), "false"}, {mock::boolean(2), "false"}};
-#define STRING_TOPIC(name, key) \
-    watchTopic<ZOLStringCallback>(#name, key, "2", FORMS(name), onString<1>, onString<2>, texts)
-#define INT_TOPIC(name, key) watchTopic<ZOLIntCallback>(#name, key, "1", FORMS(name), onInt<1>, onInt<2>, numbers)
-#define BOOL_TOPIC(name, key) watchTopic<ZOLBoolCallback>(#name, key, "0", FORMS(name), onBool<1>, onBool<2>, switches)
-    STRING_TOPIC(ZOLConcurrentAppList, "db/multi-assistant/alexa_language");
-    INT_TOPIC(DravixResetCount, "db/dravix/reset_count");
-    INT_TOPIC(ServiceResetCount, "db/factory/service_reset_count");
-    INT_TOPIC(FactoryResetCount, "db/factory/factory_reset_count");
-    STRING_TOPIC(WebAppUninstall, "memory/was/app_uninstall");
-    STRING_TOPIC(WebAppInstall, "memory/was/app_install");
-    STRING_TOPIC(OSDCountry, "db/comss/countrycode");
-    INT_TOPIC(BackgroundVolume, "db/menu/system/accessibility/voiceguide/tv_bg_volume");
-    STRING_TOPIC(ZOLSituationalHintSupported, "db/multi-assistant/situational_hint_supported");
-    STRING_TOPIC(ZOLLanguage, "db/multi-assistant/zol_language");
-    STRING_TOPIC(ZOLDefaultAssistantAppid, "db/multi-assistant/default_assistant_appid");
-    BOOL_TOPIC(ZOLActivated, "db/multi-assistant/activated");
-    BOOL_TOPIC(ZOLMultipleMode, "db/multi-assistant/multiple_mode");
+    const Kind<ZOLStringCallback> text = {2, onText, onTextToo, {{mock::text("[]"), "[]"}, {mock::text(""), ""}}};
+    const Kind<ZOLIntCallback> number = {1, on<int, 1>, on<int, 2>, {{mock::integer(-5), "-5"}}};
+    const Kind<ZOLBoolCallback> toggle = {
+        0, on<bool, 1>, on<bool, 2>, {{boolean(1), "true"}, {boolean(0), "false"}, {boolean(2), "false"}}};
+// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one topic.
+#define TOPIC(kind, name, key)                                                  \
+    watchTopic(kind, #name, key, ZOLSystemDataNotify::Register##name##Callback, \
+               ZOLSystemDataNotify::Unregister##name##Callback);                \
+    watchTopic(kind, #name, key, ZOLSystemDataNotifyRegister##name##Callback,   \
+               ZOLSystemDataNotifyUnregister##name##Callback)
+    TOPIC(text, ZOLConcurrentAppList, "db/multi-assistant/alexa_language");
+    TOPIC(number, DravixResetCount, "db/dravix/reset_count");
+    TOPIC(number, ServiceResetCount, "db/factory/service_reset_count");
+    TOPIC(number, FactoryResetCount, "db/factory/factory_reset_count");
+    TOPIC(text, WebAppUninstall, "memory/was/app_uninstall");
+    TOPIC(text, WebAppInstall, "memory/was/app_install");
+    TOPIC(text, OSDCountry, "db/comss/countrycode");
+    TOPIC(number, BackgroundVolume, "db/menu/system/accessibility/voiceguide/tv_bg_volume");
+    TOPIC(text, ZOLSituationalHintSupported, "db/multi-assistant/situational_hint_supported");
+    TOPIC(text, ZOLLanguage, "db/multi-assistant/zol_language");
+    TOPIC(text, ZOLDefaultAssistantAppid, "db/multi-assistant/default_assistant_appid");
+    TOPIC(toggle, ZOLActivated, "db/multi-assistant/activated");
+    TOPIC(toggle, ZOLMultipleMode, "db/multi-assistant/multiple_mode");
 }
 
-// ---- refusals, in the order of a watcher's life
-// ----------------------------------------------------------------------
+// ---- refusals, in the order of a watcher's life ---------------------------------------------------------------------
 
 constexpr auto addLanguage = ZOLSystemDataNotify::RegisterZOLLanguageCallback;
 constexpr auto removeLanguage = ZOLSystemDataNotify::UnregisterZOLLanguageCallback;
-const std::string& kLanguage = *new std::string("db/multi-assistant/zol_language");
-const std::string kAdd = "RegisterZOLLanguageCallback";
-const std::string kRemove = "UnregisterZOLLanguageCallback";
+constexpr char kLanguage[] = "db/multi-assistant/zol_language";
+constexpr char kNotify[] = "vconf_notify_key_changed db/multi-assistant/zol_language";
+constexpr char kIgnore[] = "vconf_ignore_key_changed db/multi-assistant/zol_language";
 
 TEST_F(NotifyTest, RefusalsAreAnsweredAndTheWatcherStaysOrGoes)
 {
-    const std::vector<std::string> created = {
-        line(kAdd, "Create VconfCallbackGenerator : " + kLanguage),
-        line("VconfCallbackGenerator", "VconfCallbackGenerator type(2) : " + kLanguage)};
-    const auto after = [&](std::vector<std::string> more) {
-        more.insert(more.begin(), created.begin(), created.end());
-        return more;
-    };
-    const std::string notify = "vconf_notify_key_changed " + kLanguage;
-    const std::string ignore = "vconf_ignore_key_changed " + kLanguage;
-    const std::string success = line("RegisterCallback", "RegisterCallback SUCCESS");
-    const std::string begin = start("UnregisterCallback");
-    const std::string empty = line("UnregisterCallback", "nodeList is empty, call ");
-    const std::vector<std::string> removed = {line(kRemove, "Remove callbackGenerator"),
-                                              start("~VconfCallbackGenerator")};
-    mock::refuseNth("vconf_notify_key_changed", 1);
-    mock::refuseNth("vconf_ignore_key_changed", 1);
-    tellStory({
-        {[] { return addLanguage(nullptr, one); }, 0, after({line("RegisterCallback", "callback is NULL")})},
-        {[] { return removeLanguage(nullptr); },
-         0,
-         {begin, line("UnregisterCallback", "callback is NULL"), removed[0], removed[1]}},
-        {[] { return addLanguage(onString<1>, one); }, 0,
-         after({notify, line("RegisterCallback", "failed to vconf_notify_key_changed")})},
-        {[] { return addLanguage(nullptr, one); }, 0, {line("RegisterCallback", "callback is NULL")}},
-        {[] { return removeLanguage(onString<1>); },
-         0,
-         {begin, line("UnregisterCallback", "isExistVconfCallback is false"), removed[0], removed[1]}},
-        {[] { return removeLanguage(onString<1>); }, 0, {}},
-        {[] { return addLanguage(onString<1>, one); }, 1, after({notify, success})},
-        {[] { return removeLanguage(onString<1>); },
-         0,
-         {begin, empty, ignore, line("UnregisterCallback", "failed to unregister cb for (" + kLanguage + ")")}},
-        {[] { return removeLanguage(onString<1>); }, 0, {begin, line("UnregisterCallback", "NodeList is emptry")}},
-        {[] { return addLanguage(onString<2>, two); }, 1, {success}},  // it is still subscribed
-        {[] { return removeLanguage(onString<2>); }, 1, {begin, empty, ignore, removed[0], removed[1]}},
-    });
-    EXPECT_EQ(0, __unRegisterVconfCallback(nullptr, one, toldLock));
+    const auto creates = [](const Events& more) { return created("ZOLLanguage", kLanguage, 2, more); };
+    const auto releases = [](const Events& before) { return released("ZOLLanguage", before); };
+    const std::string empty = removed("nodeList is empty, call ");
+    mock::refuse("vconf_notify_key_changed", 1);
+    mock::refuse("vconf_ignore_key_changed", 1);
+    step(0, addLanguage(nullptr, one), creates({added("callback is NULL")}));
+    step(0, removeLanguage(nullptr), releases({kRemoving, removed("callback is NULL")}));
+    step(0, addLanguage(onText, one), creates({kNotify, added("failed to vconf_notify_key_changed")}));
+    step(0, addLanguage(nullptr, one), {added("callback is NULL")});
+    step(0, removeLanguage(onText), releases({kRemoving, removed("isExistVconfCallback is false")}));
+    step(0, removeLanguage(onText), {});
+    step(1, addLanguage(onText, one), creates({kNotify, kSuccess}));
+    step(0, removeLanguage(onText),
+         {kRemoving, empty, kIgnore, removed("failed to unregister cb for (" + std::string(kLanguage) + ")")});
+    step(0, removeLanguage(onText), {kRemoving, removed("NodeList is emptry")});
+    step(1, addLanguage(onTextToo, two), {kSuccess});  // it is still subscribed
+    step(1, removeLanguage(onTextToo), releases({kRemoving, empty, kIgnore}));
+    step(0, __unRegisterVconfCallback(nullptr, one, toldLock), {});
 }
 
-TEST_F(NotifyTest, LinesNameTheirFile)
-{
-    addLanguage(onString<1>, one);
-    mock::fire(keynode_t{kLanguage.c_str(), 2, {}});
-    for (const mock::Line& each : mock::takeLines()) {
-        EXPECT_EQ(each.function == kAdd ? "ZOLSystemDataNotifyClass.cpp" : "VconfCallbackGenerator.cpp", each.file);
-    }
-    removeLanguage(onString<1>);
-}
-
-// ---- a watcher by itself
-// ---------------------------------------------------------------------------------------------
-
-struct FreeLater {  // a watcher at an address of our choosing
-    alignas(VconfCallbackGenerator) unsigned char space[sizeof(VconfCallbackGenerator)];
-    VconfCallbackGenerator* make(DataValueType type, const char* key)
-    {
-        return new (space) VconfCallbackGenerator(type, key);
-    }
-};
+// ---- a watcher by itself --------------------------------------------------------------------------------------------
 
 TEST_F(NotifyTest, EventsThatCannotBeDeliveredAreLoggedAndCallNobody)
 {
-    const auto dispatch = VconfCallbackGenerator::VconfCallbackMethod;
-    const std::string invoked = line("VconfCallbackMethod", "Vconf cb invoked : db/k");
     keynode_t node{"db/k", VCONF_TYPE_STRING, {}};
-    node.value.s = nullptr;
     VconfCallbackGenerator text(DATA_TYPE_STRING, "db/k");
     VconfCallbackGenerator odd(static_cast<DataValueType>(3), "db/odd");
-    const auto call = [&](keynode_t* event, void* watcher) { return [=] { return dispatch(event, watcher), 0; }; };
-    mock::takeEvents();
+    const auto logs = [&node](void* watcher, const std::string& message) {
+        mock::takeEvents();
+        VconfCallbackGenerator::VconfCallbackMethod(&node, watcher);
+        mock::did({delivered("Vconf cb invoked : db/k"), delivered(message)});
+    };
     EXPECT_EQ("db/k", text.GetVconfPath());
-    tellStory({{call(nullptr, &text), 0, {line("VconfCallbackMethod", "vconf keynode_t is NULL")}},
-               {call(&node, nullptr), 0, {invoked, line("VconfCallbackMethod", "This can not be a null pointer")}},
-               {call(&node, &text), 0, {invoked, line("VconfCallbackMethod", "isExistVconfCallback is FALSE")}}});
-    EXPECT_EQ(1, text.RegisterCallback(untyped(onString<1>), one));
-    EXPECT_EQ(1, odd.RegisterCallback(untyped(onString<1>), one));
-    EXPECT_TRUE(text.IsExistVconfCallback());
     mock::takeEvents();
-    tellStory({{call(&node, &text), 0, {invoked, line("VconfCallbackMethod", "vconf keynode_t has no text")}},
-               {call(&node, &odd), 0, {invoked, line("VconfCallbackMethod", "Unknown Type")}}});
-    EXPECT_THAT(takeTold(), ElementsAre());
+    VconfCallbackGenerator::VconfCallbackMethod(nullptr, &text);
+    mock::did({delivered("vconf keynode_t is NULL")});
+    logs(nullptr, "This can not be a null pointer");
+    logs(&text, "isExistVconfCallback is FALSE");
+    EXPECT_EQ(1, text.RegisterCallback(untyped(onText), one));
+    EXPECT_EQ(1, odd.RegisterCallback(untyped(onText), one));
+    EXPECT_TRUE(text.IsExistVconfCallback());
+    logs(&text, "vconf keynode_t has no text");
+    logs(&odd, "Unknown Type");
+    EXPECT_EQ(Events(), takeTold());
 }
 
 TEST_F(NotifyTest, WithoutMemoryARegistrationFailsAndTheListIsAsBefore)
 {
     VconfCallbackGenerator watcher(DATA_TYPE_INT, "db/k");
-    const auto refused = [&](size_t size, const std::string& message) {
-        mock::takeEvents();
+    const auto refused = [&watcher](size_t size, const std::string& message) {
         refusedSize = size;
-        const int result = watcher.RegisterCallback(untyped(onInt<1>), one);
+        const int result = watcher.RegisterCallback(untyped(on<int, 1>), one);
         refusedSize = 0;
         EXPECT_EQ(0, result);
-        EXPECT_EQ(line("RegisterCallback", message), mock::takeEvents().back());
-        mock::put("db/k", mock::integer(1));
-        mock::fire("db/k");
-        EXPECT_THAT(takeTold(), ElementsAre());
+        EXPECT_EQ(added(message), mock::takeEvents().back());
+        EXPECT_EQ(1, mock::fire("db/k", mock::integer(1)));
+        EXPECT_EQ(Events(), takeTold());
         EXPECT_TRUE(watcher.IsExistVconfCallback());
     };
 #ifdef REFUSES_MALLOC
     refused(sizeof(CallbackNode), "Fail to malloc, poitner is NULL");
 #endif
     refused(sizeof(CallbackNode*), "Fail to grow nodeList");
-    EXPECT_EQ(1, watcher.RegisterCallback(untyped(onInt<1>), one));
+    EXPECT_EQ(1, watcher.RegisterCallback(untyped(on<int, 1>), one));
     EXPECT_EQ(1, mock::count("vconf_notify_key_changed"));
-    EXPECT_EQ(1, watcher.UnregisterCallback(untyped(onInt<1>)));
+    EXPECT_EQ(1, watcher.UnregisterCallback(untyped(on<int, 1>)));
 }
 
-// ---- hazards
-// ---------------------------------------------------------------------------------------------------------
+// ---- hazards --------------------------------------------------------------------------------------------------------
+
+constexpr int kRounds = 100;
 
 // A point where a thread stops until it is let go.
-class Stop {
-public:
-    void reach()
+struct Stop {
+    Gate reached, go;
+    void reach() const
     {
-        std::unique_lock<std::mutex> guard(lock_);
-        reached_ = true;
-        changed_.notify_all();
-        changed_.wait(guard, [this] { return open_; });
+        reached.open();
+        go.pass();
     }
-    void waitUntilReached()
-    {
-        std::unique_lock<std::mutex> guard(lock_);
-        changed_.wait(guard, [this] { return reached_; });
-    }
-    void open()
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        open_ = true;
-        changed_.notify_all();
-    }
-
-private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool reached_ = false;
-    bool open_ = false;
 };
 
 // Gives another thread every chance to run to where it has to wait. Nothing depends on its having got there.
-void giveWay()
+void giveWay(int times = 200)
 {
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < times; ++i) {
         std::this_thread::yield();
     }
 }
 
-constexpr int kRounds = 100;
-
-template <size_t... Index>
-std::array<ZOLStringCallback, sizeof...(Index)> distinct(std::index_sequence<Index...> /*indices*/)
+void runAtOnce(const std::vector<std::function<void()>>& bodies)
 {
-    return {onString<100 + Index>...};
+    std::vector<std::future<void>> running;  // each waits in its destructor
+    running.reserve(bodies.size());
+    for (const auto& body : bodies) {
+        running.push_back(std::async(std::launch::async, body));
+    }
+}
+
+// Removes a topic's last callback; meanwhile another thread starts on its own work.
+void removeLastDuring(const std::function<void()>& other)
+{
+    std::thread thread;
+    mock::setHook([&](const std::string& event) {
+        if (event == kIgnore) {
+            thread = std::thread(other);
+            giveWay();
+        }
+    });
+    EXPECT_EQ(1, addLanguage(onText, one));
+    EXPECT_EQ(1, removeLanguage(onText));
+    mock::setHook(nullptr);
+    thread.join();
+}
+
+// Starts the thread of `other`, which stops at its first event of that kind until `meanwhile` is done. Compares the
+// events after that.
+void stopOther(const std::string& event, const std::function<void()>& other, const std::function<void()>& meanwhile,
+               const Events& rest)
+{
+    Stop stop;
+    std::atomic<bool> first{true};
+    mock::setHook([&](const std::string& each) {
+        if (each == event && first.exchange(false)) {
+            stop.reach();
+        }
+    });
+    std::thread thread(other);
+    stop.reached.pass();
+    meanwhile();
+    mock::takeEvents();
+    stop.go.open();
+    thread.join();
+    mock::setHook(nullptr);
+    mock::did(rest);
 }
 
 TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
 {
-    const auto callbacks = distinct(std::make_index_sequence<6>());
-    mock::setHooks({[](const std::string&) { giveWay(); }, nullptr, nullptr});
+    const ZOLStringCallback callbacks[] = {on<std::string, 1>, on<std::string, 2>, on<std::string, 3>,
+                                           on<std::string, 4>, on<std::string, 5>, on<std::string, 6>};
+    mock::setHook([](const std::string& event) { giveWay(event == kNotify ? 200 : 0); });
+    std::vector<std::function<void()>> registrations;
+    for (const auto callback : callbacks) {
+        registrations.emplace_back([callback] { EXPECT_EQ(1, addLanguage(callback, one)); });
+    }
     for (int round = 1; round <= kRounds; ++round) {
-        std::atomic<int> waiting{static_cast<int>(callbacks.size())};
-        std::vector<std::thread> threads;
-        for (const auto callback : callbacks) {
-            threads.emplace_back([&waiting, callback] {
-                for (--waiting; waiting > 0; std::this_thread::yield()) {
-                }
-                EXPECT_EQ(1, addLanguage(callback, one));
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        runAtOnce(registrations);
         ASSERT_EQ(round, mock::count("vconf_notify_key_changed"));
-        mock::put(kLanguage, mock::text("x"));
-        EXPECT_EQ(1, mock::fire(kLanguage));
-        EXPECT_EQ(callbacks.size(), takeTold().size());
+        EXPECT_EQ(1, mock::fire(kLanguage, mock::text("x")));
+        EXPECT_EQ(registrations.size(), takeTold().size());
         for (const auto callback : callbacks) {
             EXPECT_EQ(1, removeLanguage(callback));
         }
@@ -381,122 +343,64 @@ TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
 
 TEST_F(NotifyTest, ARegistrationDuringTheLastRemovalIsSubscribed)
 {
-    mock::put(kLanguage, mock::text("x"));
     for (int round = 0; round < kRounds; ++round) {
-        std::thread other;
-        mock::setHooks({nullptr,
-                        [&](const std::string&) {
-                            other = std::thread([] { EXPECT_EQ(1, addLanguage(onString<2>, two)); });
-                            giveWay();
-                        },
-                        nullptr});
-        addLanguage(onString<1>, one);
-        EXPECT_EQ(1, removeLanguage(onString<1>));
-        mock::setHooks({});
-        other.join();
-        ASSERT_EQ(1, mock::fire(kLanguage));
-        ASSERT_THAT(takeTold(), ElementsAre("x two"));
-        EXPECT_EQ(1, removeLanguage(onString<2>));
+        removeLastDuring([] { EXPECT_EQ(1, addLanguage(onTextToo, two)); });
+        ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
+        ASSERT_EQ(Events{"x two"}, takeTold());
+        EXPECT_EQ(1, removeLanguage(onTextToo));
     }
 }
 
 TEST_F(NotifyTest, ADeliveryThatMeetsTheEndOfItsWatcherTouchesNothing)
 {
-    mock::put(kLanguage, mock::text("x"));
-    for (int round = 0; round < kRounds; ++round) {
-        std::thread delivery;
-        mock::setHooks({nullptr,
-                        [&](const std::string&) {  // it is past its look at the flag while the list is being emptied
-                            delivery = std::thread([] { mock::fire(kLanguage); });
-                            giveWay();
-                        },
-                        nullptr});
-        addLanguage(onString<1>, one);
-        EXPECT_EQ(1, removeLanguage(onString<1>));
-        delivery.join();
+    for (int round = 0; round < kRounds; ++round) {  // it is past its look at the flag while the list is being emptied
+        removeLastDuring([] { mock::fire(kLanguage, mock::text("x")); });
     }
-    mock::setHooks({});
-    addLanguage(onString<1>, one);
-    const mock::Subscription late = mock::subscriptions().at(0);
-    removeLanguage(onString<1>);
-    keynode_t node{kLanguage.c_str(), VCONF_TYPE_STRING, {}};
-    node.value.s = "x";
+    addLanguage(onText, one);
+    const mock::Subscription late = mock::Locked()->subscriptions.at(0);
+    removeLanguage(onText);
     mock::takeEvents();
-    late.handler(&node, late.userData);
-    EXPECT_THAT(mock::takeEvents(), ElementsAre(line("VconfCallbackMethod", "Vconf cb invoked : " + kLanguage)));
-    EXPECT_THAT(takeTold(), ElementsAre());
+    mock::deliver(late, mock::text("x"));
+    mock::did({delivered("Vconf cb invoked : " + late.key)});
+    EXPECT_EQ(Events(), takeTold());
 }
 
 TEST_F(NotifyTest, AnEventForAGoneWatcherDoesNotReachAnotherAtItsAddress)
 {
-    FreeLater place;
-    VconfCallbackGenerator* watcher = place.make(DATA_TYPE_INT, "db/number");
-    watcher->RegisterCallback(untyped(onInt<1>), one);
-    watcher->UnregisterCallback(untyped(onInt<1>));
+    alignas(VconfCallbackGenerator) unsigned char place[sizeof(VconfCallbackGenerator)];
+    auto* watcher = new (place) VconfCallbackGenerator(DATA_TYPE_INT, "db/number");
+    watcher->RegisterCallback(untyped(on<int, 1>), one);
+    watcher->UnregisterCallback(untyped(on<int, 1>));
     watcher->~VconfCallbackGenerator();
-    watcher = place.make(DATA_TYPE_STRING, "db/text");
-    watcher->RegisterCallback(untyped(onString<1>), one);
+    watcher = new (place) VconfCallbackGenerator(DATA_TYPE_STRING, "db/text");
+    watcher->RegisterCallback(untyped(onText), one);
 
-    keynode_t stale{"db/number", VCONF_TYPE_INT, {1, nullptr}};
-    VconfCallbackGenerator::VconfCallbackMethod(&stale, watcher);
-    EXPECT_THAT(takeTold(), ElementsAre());
-    keynode_t strange{"db/other/name", VCONF_TYPE_STRING, {}};
-    strange.value.s = "x";
-    VconfCallbackGenerator::VconfCallbackMethod(&strange, watcher);
-    EXPECT_THAT(takeTold(), ElementsAre("x one"));
+    const auto method = VconfCallbackGenerator::VconfCallbackMethod;
+    mock::deliver({"db/number", method, watcher}, mock::text("stale"));
+    EXPECT_EQ(Events(), takeTold());
+    mock::deliver({"db/other/name", method, watcher}, mock::text("x"));
+    EXPECT_EQ(Events{"x one"}, takeTold());
     watcher->~VconfCallbackGenerator();
 }
 
 TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)
 {
-    {  // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed
-        mock::refuseNth("vconf_notify_key_changed", 1);
-        EXPECT_EQ(0, addLanguage(onString<1>, one));
-        Stop inside;
-        mock::setHooks({[&](const std::string&) { inside.reach(); }, nullptr, nullptr});
-        std::thread other([] { EXPECT_EQ(1, addLanguage(onString<1>, one)); });
-        inside.waitUntilReached();
-        EXPECT_EQ(0, removeLanguage(onString<1>));
-        inside.open();
-        other.join();
-        mock::setHooks({});
-    }
-    {  // an unregistration that has just begun, while another removes the last callback
-        Stop inside;
-        std::atomic<bool> first{true};
-        mock::setHooks({nullptr, nullptr, [&](const mock::Line& each) {
-                            if (each.message == "\"Start\"" && first.exchange(false)) {
-                                inside.reach();
-                            }
-                        }});
-        std::thread other([] { EXPECT_EQ(0, removeLanguage(onString<2>)); });
-        inside.waitUntilReached();
-        EXPECT_EQ(1, removeLanguage(onString<1>));
-        mock::takeEvents();
-        inside.open();
-        other.join();
-        EXPECT_THAT(mock::takeEvents(),
-                    ElementsAre(line("UnregisterCallback", "isExistVconfCallback is false"),
-                                line(kRemove, "Remove callbackGenerator"), start("~VconfCallbackGenerator")));
-        mock::setHooks({});
-    }
-    {  // a registration that fails inside it: the release that it put off is made up for under the right name
-        addLanguage(onString<1>, one);
-        Stop inside;
-        mock::setHooks({nullptr, nullptr, [&](const mock::Line& each) {
-                            if (each.message.find("callback is NULL") != std::string::npos) {
-                                inside.reach();
-                            }
-                        }});
-        std::thread other([] { EXPECT_EQ(0, addLanguage(nullptr, one)); });
-        inside.waitUntilReached();
-        EXPECT_EQ(1, removeLanguage(onString<1>));
-        mock::takeEvents();
-        inside.open();
-        other.join();
-        EXPECT_THAT(mock::takeEvents(),
-                    ElementsAre(line(kRemove, "Remove callbackGenerator"), start("~VconfCallbackGenerator")));
-    }
+    // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed
+    mock::refuse("vconf_notify_key_changed", 1);
+    EXPECT_EQ(0, addLanguage(onText, one));
+    stopOther(
+        kNotify, [] { EXPECT_EQ(1, addLanguage(onText, one)); }, [] { EXPECT_EQ(0, removeLanguage(onText)); },
+        {kSuccess});
+    // an unregistration that has just begun, while another removes the last callback
+    const auto removeLast = [] { EXPECT_EQ(1, removeLanguage(onText)); };
+    stopOther(
+        kRemoving, [] { EXPECT_EQ(0, removeLanguage(onTextToo)); }, removeLast,
+        released("ZOLLanguage", {removed("isExistVconfCallback is false")}));
+    // a registration that fails inside it: the release that it put off is made up for under the right name
+    addLanguage(onText, one);
+    stopOther(
+        added("callback is NULL"), [] { EXPECT_EQ(0, addLanguage(nullptr, one)); }, removeLast,
+        released("ZOLLanguage", {}));
 }
 
 // While a callback runs, another thread's unregistration waits for it, and holds no key lock meanwhile.
@@ -504,81 +408,53 @@ TEST_F(NotifyTest, AnUnregistrationReturnsAfterTheCallbackAndHoldsNoKeyLockMeanw
 {
     static Stop running;
     static std::atomic<bool> ended;
-    ended = false;
     const ZOLStringCallback slow = [](std::string, void*) {
         running.reach();
         giveWay();
         ended = true;
     };
     addLanguage(slow, nullptr);
-    std::thread delivery([] {
-        mock::put(kLanguage, mock::text("x"));
-        mock::fire(kLanguage);
+    std::thread delivery([] { mock::fire(kLanguage, mock::text("x")); });
+    running.reached.pass();
+    const Gate begun;
+    mock::setHook([&begun](const std::string& event) {
+        if (event == kRemoving) {
+            begun.open();
+        }
     });
-    running.waitUntilReached();
-    Stop begun;
-    begun.open();
-    mock::setHooks({nullptr, nullptr, [&](const mock::Line& each) {
-                        if (each.message == "\"Start\"" && each.function == "UnregisterCallback") {
-                            begun.reach();
-                        }
-                    }});
-    std::thread removal([&] {
+    std::thread removal([slow] {
         EXPECT_EQ(1, removeLanguage(slow));
         EXPECT_TRUE(ended);
     });
-    begun.waitUntilReached();
+    begun.pass();
     giveWay();
     EXPECT_EQ(0, addLanguage(nullptr, nullptr));  // takes the key lock and nothing else
-    running.open();
+    running.go.open();
     removal.join();
     delivery.join();
+    mock::setHook(nullptr);
 }
 
-// Callbacks register and unregister on other topics, on two delivering threads, while two more threads do so on all.
-// The callbacks on each thread reach for later topics only, as two topics must not reach for each other.
+// A callback registers and unregisters on another topic while both are used.
 TEST_F(NotifyTest, CallbacksUseOtherTopicsWhileAllAreUsed)
 {
-    static const std::array<Forms<ZOLStringCallback>, 4> topics = {
-        {FORMS(WebAppUninstall), FORMS(WebAppInstall), FORMS(OSDCountry), FORMS(ZOLLanguage)}};
-    static const std::array<const char*, 4> keys = {"memory/was/app_uninstall", "memory/was/app_install",
-                                                    "db/comss/countrycode", kLanguage.c_str()};
-    const ZOLStringCallback busy = [](std::string, void* data) {
-        for (size_t next = *static_cast<size_t*>(data) + 1; next < topics.size(); ++next) {
-            topics[next][0].first(onString<7>, one);
-            topics[next][0].second(onString<7>);
+    const ZOLStringCallback busy = [](std::string, void*) {
+        addLanguage(onText, one);
+        removeLanguage(onText);
+    };
+    const auto use = [busy] {
+        for (int round = 0; round < kRounds; ++round) {
+            EXPECT_EQ(1, ZOLSystemDataNotify::RegisterOSDCountryCallback(busy, nullptr));
+            EXPECT_EQ(1, addLanguage(onTextToo, two));
+            mock::fire("db/comss/countrycode", mock::text("x"));
+            mock::fire(kLanguage, mock::text("x"));
+            removeLanguage(onTextToo);
+            ZOLSystemDataNotify::UnregisterOSDCountryCallback(busy);
         }
     };
-    std::array<size_t, 4> indices = {0, 1, 2, 3};
-    std::vector<std::thread> threads;
-    for (int delivering = 0; delivering < 2; ++delivering) {
-        threads.emplace_back([] {
-            for (int round = 0; round < kRounds; ++round) {
-                for (const char* key : keys) {
-                    keynode_t node{key, VCONF_TYPE_STRING, {}};
-                    node.value.s = "x";
-                    mock::fire(node);
-                }
-            }
-        });
-    }
-    for (int other = 0; other < 2; ++other) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < kRounds; ++round) {
-                for (size_t i = 0; i < topics.size(); ++i) {
-                    EXPECT_EQ(1, topics[i][0].first(busy, &indices[i]));
-                    EXPECT_EQ(1, topics[i][1].first(onString<8>, one));
-                    topics[i][1].second(onString<8>);
-                    topics[i][0].second(busy);
-                }
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runAtOnce({use, use, use, use});
     takeTold();
-    EXPECT_EQ(0U, mock::subscriptions().size());
+    EXPECT_EQ(0U, mock::Locked()->subscriptions.size());
     EXPECT_EQ(mock::count("vconf_notify_key_changed"), mock::count("vconf_ignore_key_changed"));
 }
 
@@ -586,15 +462,16 @@ TEST_F(NotifyTest, ACallbackThatThrowsHoldsNothingUp)
 {
     const ZOLStringCallback thrower = [](std::string, void*) { throw std::runtime_error("from a callback"); };
     addLanguage(thrower, nullptr);
-    addLanguage(onString<1>, one);
-    mock::put(kLanguage, mock::text("x"));
-    mock::takeEvents();
-    EXPECT_EQ(1, mock::fire(kLanguage));
-    EXPECT_THAT(takeTold(), ElementsAre("x one"));
+    addLanguage(onText, one);
+    EXPECT_EQ(1, mock::fire(kLanguage, mock::text("x")));
+    EXPECT_EQ(Events{"x one"}, takeTold());
     EXPECT_THAT(mock::takeEvents(), Contains(testing::HasSubstr("exception in cb (0x")));
     EXPECT_EQ(1, removeLanguage(thrower));
-    EXPECT_EQ(1, removeLanguage(onString<1>));
+    EXPECT_EQ(1, removeLanguage(onText));
 }
+
+constexpr auto addActivated = ZOLSystemDataNotify::RegisterZOLActivatedCallback;
+int fireActivated() { return mock::fire("db/multi-assistant/activated", mock::boolean(1)); }
 
 // The process ends, from the main thread and from a callback, while watchers stand and deliveries are under way.
 TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
@@ -603,22 +480,18 @@ TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
         inChild([fromCallback] {
             static std::atomic<int> calls;
             addLanguage([](std::string, void*) { ++calls; }, nullptr);
-            ZOLSystemDataNotify::RegisterZOLActivatedCallback([](bool, void*) { std::exit(0); }, nullptr);
-            mock::put(kLanguage, mock::text("x"));
-            mock::put("db/multi-assistant/activated", mock::boolean(1));
+            addActivated([](bool, void*) { std::exit(0); }, nullptr);
             for (int i = 0; i < 2; ++i) {
                 std::thread([] {
                     for (;;) {
-                        mock::fire(kLanguage);
+                        mock::fire(kLanguage, mock::text("x"));
                     }
                 }).detach();
             }
             while (calls < 100) {
                 std::this_thread::yield();
             }
-            if (fromCallback) {
-                mock::fire("db/multi-assistant/activated");
-            }
+            REQUIRE(!fromCallback || fireActivated() == 0);
         });
     }
 }
@@ -628,44 +501,29 @@ TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
 {
     inChild([] {
         static Stop running;
-        static std::atomic<int> children;
+        static int called;
+        static pid_t child;
         static const ZOLStringCallback slow = [](std::string, void*) { running.reach(); };
         const auto useAfresh = [] {
             mock::reset();
-            REQUIRE(removeLanguage(slow) == 0 && addLanguage(onString<1>, one) == 1);
-            mock::put(kLanguage, mock::text("x"));
-            REQUIRE(mock::fire(kLanguage) == 1 && takeTold() == std::vector<std::string>{"x one"});
-            REQUIRE(removeLanguage(onString<1>) == 1);
+            REQUIRE(removeLanguage(slow) == 0 && addLanguage(onText, one) == 1);
+            REQUIRE(mock::fire(kLanguage, mock::text("x")) == 1 && takeTold() == Events{"x one"});
+            REQUIRE(removeLanguage(onText) == 1);
+            _exit(0);
         };
         addLanguage(slow, nullptr);
-        ZOLSystemDataNotify::RegisterZOLActivatedCallback(
-            [](bool, void*) {
-                const pid_t child = fork();  // from a callback, which holds its watcher's lock
-                if (child != 0) {
-                    children += finish(child) == 0 ? 1 : 0;
-                }
-            },
-            nullptr);
-        ZOLSystemDataNotify::RegisterZOLActivatedCallback([](bool, void*) { ++children; }, nullptr);
-        mock::put(kLanguage, mock::text("x"));
-        mock::put("db/multi-assistant/activated", mock::boolean(1));
-        std::thread delivery([] { mock::fire(kLanguage); });
-        running.waitUntilReached();  // from now on that watcher's lock is held by a thread that a child does not have
-        const pid_t child = fork();
+        addActivated([](bool, void*) { child = fork(); }, nullptr);
+        addActivated([](bool, void*) { ++called; }, nullptr);
+        std::thread delivery([] { mock::fire(kLanguage, mock::text("x")); });
+        running.reached.pass();  // from now on that watcher's lock is held by a thread that a child does not have
+        REQUIRE(finish(start(useAfresh)) == 0);
+        fireActivated();  // which forks while it holds its watcher's lock
         if (child == 0) {
+            REQUIRE(called == 0);  // the callbacks after the one that forked are the parent's
             useAfresh();
-            _exit(0);
         }
-        REQUIRE(finish(child) == 0);
-        const pid_t self = getpid();
-        mock::fire("db/multi-assistant/activated");
-        if (getpid() != self) {
-            REQUIRE(children == 0);  // the callbacks after the one that forked are the parent's
-            useAfresh();
-            _exit(0);
-        }
-        REQUIRE(children == 2);
-        running.open();
+        REQUIRE(finish(child) == 0 && called == 1);
+        running.go.open();
         delivery.join();
     });
 }

@@ -1,27 +1,38 @@
 // The platform's store and log for tests: vconf_* and dlog_print are defined in the test program, which exports them,
 // so that the library, as it is built, calls these instead of the stand-ins. No write fires a change of its own accord.
 //
-// Any thread may call everything here. No lock of the mock is held while a hook or a handler runs.
+// For the one source file of a test program. Any thread may call everything here. No lock of the mock is held while the
+// hook or a handler runs.
 #ifndef ZOL_TESTS_PLATFORM_MOCK_H
 #define ZOL_TESTS_PLATFORM_MOCK_H
 
+#include <dlog.h>
 #include <gtest/gtest.h>
 #include <vconf.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace mock {
 
-// One dlog_print. Its priority, its tag and the frame of its format are checked when it arrives.
-struct Line {
-    std::string format;          // as given
-    std::string file, function;  // the frame's first two arguments
-    int number = 0;              // and the third
-    std::string message;         // formatted, from behind the frame up to the newline: DLOG_ERROR "value is empty"
-};
+// What the library did, in order, calls of the store and log lines (without their numbers) in one sequence:
+//   vconf_get_str db/key    vconf_set_int db/key=5    vconf_notify_key_changed db/key
+//   ZOLSystemDataClass.cpp: getString: DLOG_ERROR "vconf_get_str is failed"
+using Events = std::vector<std::string>;
+inline std::string line(const std::string& file, const std::string& function, const std::string& message)
+{
+    return file + ": " + function + ": DLOG_ERROR \"" + message + "\"";
+}
 
 struct Value {
     int type;
@@ -38,35 +49,37 @@ struct Subscription {
     void* userData;
 };
 
-// Called on the thread of the call, after the call is recorded and before it takes effect or is refused.
-struct Hooks {
-    std::function<void(const std::string&key)> notify, ignore;
-    std::function<void(const Line& line)> line;
+struct State {
+    std::map<std::string, Value> store;
+    std::map<std::string, int> counts;    // of the calls of each function, refused ones included
+    std::map<std::string, int> refusals;  // how many of its next calls are refused
+    Events events;
+    std::vector<Subscription> subscriptions;
+    // Is called on the thread of each event, before a call of the store takes effect or is refused.
+    std::function<void(const std::string& event)> hook;
 };
 
-void reset();  // an empty store; no refusals, subscriptions, hooks or records
-void setHooks(Hooks hooks);
+// Never destroyed: the library may log until the very end of the process.
+inline std::mutex& mutex = *new std::mutex;
+inline State& state = *new State;
 
-// What the store holds. Neither is recorded.
-void put(const std::string& key, const Value& value);
-std::map<std::string, Value> store();
+// The state under its lock, for as long as the expression or the scope.
+struct Locked {
+    State* operator->() const { return &state; }
+    std::lock_guard<std::mutex> guard{mutex};
+};
 
-// Refuses the calls of a function, "vconf_get_str" for example: all from now on, or only the nth (1 is the next).
+inline void reset() { *Locked().operator->() = State(); }
+inline void setHook(std::function<void(const std::string&)> hook) { Locked()->hook = std::move(hook); }
+inline int count(const std::string& function) { return Locked()->counts[function]; }
 // A refused getter of a number still writes a 1 to its output.
-void refuse(const std::string& function, bool on = true);
-void refuseNth(const std::string& function, int nth);
-
-// Everything the library did, in order, calls of the store and log lines in one sequence:
-//   vconf_get_str db/key    vconf_set_int db/key=5    vconf_notify_key_changed db/key
-//   getString: DLOG_ERROR "vconf_get_str is failed"
-std::vector<std::string> takeEvents();   // and forgets them
-std::vector<Line> takeLines();           // the log lines alone, more closely; and forgets them
-int count(const std::string& function);  // calls since the reset, refused ones included
-std::vector<Subscription> subscriptions();
-
-// Calls the handlers subscribed to the key on this thread, and returns how many there were.
-int fire(keynode_t node);
-int fire(const std::string& key);  // with the stored value
+inline void refuse(const std::string& function, int times = INT_MAX) { Locked()->refusals[function] = times; }
+inline void put(const std::string& key, const Value& value) { Locked()->store.insert_or_assign(key, value); }
+inline Events takeEvents() { return std::exchange(Locked()->events, {}); }
+inline void did(const Events& expected, int line = __builtin_LINE())
+{
+    EXPECT_EQ(expected, takeEvents()) << "in line " << line;
+}
 
 class Test : public testing::Test {
 protected:
@@ -74,6 +87,129 @@ protected:
     void TearDown() override { reset(); }
 };
 
+inline void deliver(const Subscription& to, const Value& value)
+{
+    const char* text = value.type == VCONF_TYPE_STRING ? value.text.c_str() : nullptr;
+    keynode_t node{to.key.c_str(), value.type, {value.number, text}};
+    to.handler(&node, to.userData);
+}
+
+// Delivers to all that are subscribed to the key, and returns how many those are.
+inline int fire(const std::string& key, const Value& value)
+{
+    int called = 0;
+    const auto subscriptions = Locked()->subscriptions;
+    for (const Subscription& each : subscriptions) {
+        if (each.key == key) {
+            deliver(each, value);
+            ++called;
+        }
+    }
+    return called;
+}
+
+// ---- the platform's functions ---------------------------------------------------------------------------------------
+
+inline void happen(const std::string& event)
+{
+    Locked()->events.push_back(event);
+    if (const auto hook = Locked()->hook) {
+        hook(event);
+    }
+}
+
+// Records a call of the store, and tells whether it may go on.
+inline bool arrive(const std::string& function, const std::string& argument)
+{
+    happen(function + " " + argument);
+    const Locked locked;
+    ++locked->counts[function];
+    return locked->refusals[function] == 0 || locked->refusals[function]-- < 0;
+}
+
+inline bool find(const char* function, const char* key, int type, Value& value)
+{
+    const bool accepted = arrive(function, key);
+    const Locked locked;
+    const auto found = locked->store.find(key);
+    return accepted && found != locked->store.end() && (value = found->second).type == type;
+}
+
+inline int getNumber(const char* function, const char* key, int type, int* number)
+{
+    Value value{type};
+    const bool found = find(function, key, type, value);
+    *number = found ? value.number : 1;
+    return found ? 0 : -1;
+}
+
+inline int set(const char* function, const char* key, const Value& value)
+{
+    const bool isText = value.type == VCONF_TYPE_STRING;
+    if (!arrive(function, std::string(key) + "=" + (isText ? value.text : std::to_string(value.number)))) {
+        return -1;
+    }
+    put(key, value);
+    return 0;
+}
+
 }  // namespace mock
+
+char* vconf_get_str(const char* key)
+{
+    mock::Value value{};
+    return mock::find(__func__, key, VCONF_TYPE_STRING, value) ? strdup(value.text.c_str()) : nullptr;
+}
+int vconf_set_str(const char* key, const char* value) { return mock::set(__func__, key, mock::text(value)); }
+int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_INT, value); }
+int vconf_set_int(const char* key, int value) { return mock::set(__func__, key, mock::integer(value)); }
+int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_BOOL, value); }
+int vconf_set_bool(const char* key, int value) { return mock::set(__func__, key, mock::boolean(value)); }
+
+int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
+{
+    if (!mock::arrive(__func__, key)) {
+        return -1;
+    }
+    mock::Locked()->subscriptions.push_back({key, handler, user_data});
+    return 0;
+}
+
+int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
+{
+    const bool accepted = mock::arrive(__func__, key);
+    const mock::Locked locked;
+    auto& all = locked->subscriptions;
+    const auto found = std::find_if(all.begin(), all.end(),
+                                    [=](const auto& each) { return each.key == key && each.handler == handler; });
+    if (!accepted || found == all.end()) {
+        return -1;
+    }
+    all.erase(found);
+    return 0;
+}
+
+// Checks the priority, the tag and the frame of the line.
+int dlog_print(log_priority priority, const char* tag, const char* format, ...)
+{
+    EXPECT_EQ(6, static_cast<int>(priority)) << format;
+    EXPECT_STREQ("libZOL", tag) << format;
+    constexpr char kFrame[] = "%s: %s[%d]\t ";
+    char* text = nullptr;
+    va_list arguments;
+    va_start(arguments, format);
+    const int size = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (std::strncmp(format, kFrame, std::strlen(kFrame)) != 0 || size < 0 || text[size - 1] != '\n') {
+        ADD_FAILURE() << "a line without the frame: " << format;
+        return -1;
+    }
+    const std::string line(text, static_cast<std::size_t>(size) - 1);
+    std::free(text);
+    const std::size_t number = line.find('['), message = line.find("]\t ");
+    EXPECT_GT(std::stoi(line.substr(number + 1)), 0) << line;
+    mock::happen(line.substr(0, number) + ":" + line.substr(message + 2));
+    return 0;
+}
 
 #endif

@@ -7,9 +7,8 @@ trap 'rm -rf "$scratch"' EXIT
 prefix=$scratch/prefix
 
 cmake --install "$2" --component desk --prefix "$prefix" >"$scratch/log"
-packages=$(dirname "$(find "$prefix" -name vconf.pc)")
-
-export PKG_CONFIG_PATH=$packages
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vconf.pc)")
+export PKG_CONFIG_PATH
 if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=OFF -DBUILD_TESTING=OFF &&
     cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1; then
     cat "$scratch/log"
@@ -17,14 +16,11 @@ if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS
     exit 1
 fi
 
-library=$scratch/build/lib/libcapi-zol-tv.so
-for name in libvconf.so.1 libdlog.so.1; do
-    if ! ldd "$library" | grep -F "$name => $prefix/"; then
-        ldd "$library"
-        echo "FAILED: the library does not link the prefix's $name"
-        exit 1
-    fi
-done
+libraries=$(ldd "$scratch/build/lib/libcapi-zol-tv.so")
+if [ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" != 2 ]; then
+    echo "FAILED: the library does not link the prefix's platform: $libraries"
+    exit 1
+fi
 if find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep .; then
     echo "FAILED: the stand-ins above were built as well"
     exit 1
