@@ -362,6 +362,8 @@ TEST_F(NotifyTest, ADeliveryThatMeetsTheEndOfItsWatcherTouchesNothing)
     mock::takeEvents();
     mock::deliver(late, mock::text("x"));
     mock::did({delivered("Vconf cb invoked : " + late.key)});
+    mock::deliver({"db/odd", late.handler, late.userData}, mock::text("x"));
+    mock::did({delivered("Vconf cb invoked : db/odd")});
     EXPECT_EQ(Events(), takeTold());
 }
 
@@ -506,7 +508,7 @@ TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
         static const ZOLStringCallback slow = [](std::string, void*) { running.reach(); };
         const auto useAfresh = [] {
             mock::reset();
-            REQUIRE(removeLanguage(slow) == 0 && addLanguage(onText, one) == 1);
+            REQUIRE(addLanguage(onText, one) == 1 && removeLanguage(slow) == 0);
             REQUIRE(mock::fire(kLanguage, mock::text("x")) == 1 && takeTold() == Events{"x one"});
             REQUIRE(removeLanguage(onText) == 1);
             _exit(0);

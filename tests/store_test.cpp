@@ -424,7 +424,10 @@ TEST_F(StoreTest, AWriteDoesNotOvertakeAnEarlierOneOfTheOtherHalf)
                 Told told;
                 int looks = 0;  // used by the delivering thread alone
                 beforeLook = [&] {
-                    if (told.lines == Lines{"memory/a=1"} && ++looks == look) {
+                    std::unique_lock<std::mutex> guard(told.lock);
+                    const bool afterFirst = told.lines == Lines{"memory/a=1"};
+                    guard.unlock();
+                    if (afterFirst && ++looks == look) {
                         REQUIRE(put(halves[swap], 2) && put(halves[!swap], 3));
                     }
                 };
@@ -502,8 +505,24 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
             const pid_t child = fork();
             if (child == 0) {
                 REQUIRE(put("db/child", 1));
-                std::atexit([] { _exit(0); });
-                return;  // to the store's own code, which has to end this thread and with it the child
+#ifdef __SANITIZE_THREAD__
+                std::atexit([] { _exit(0); });  // its runtime allows no threads in such a child
+#else
+                static int last = 0;
+                const auto inOrder = [](keynode_t* each, void*) {
+                    REQUIRE(each->value.i == ++last);
+                    if (last == 200) {
+                        _exit(0);
+                    }
+                };
+                REQUIRE(vconf_notify_key_changed("memory/b", inOrder, nullptr) == 0);
+                std::thread([] {
+                    for (int i = 1; i <= 200; ++i) {
+                        REQUIRE(put("memory/b", i));
+                    }
+                }).detach();
+#endif
+                return;  // to the store's own code, which has to end this thread: the child has another one now
             }
             REQUIRE(finish(child) == 0 && number("db/child") == 1);
         };
@@ -517,6 +536,26 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
 }
 
 // ---- log ------------------------------------------------------------------------------------------------------------
+
+// A fork takes the locks of the log's users first and the log's own last, as threads do.
+TEST_F(StoreTest, AForkDoesNotWaitForAThreadThatLogsUnderALockOfItsOwn)
+{
+    setenv("ZOL_DLOG", "/dev/null", 1);
+    inChild([] {
+        static std::mutex lock;
+        pthread_atfork([] { lock.lock(); }, [] { lock.unlock(); }, [] { lock.unlock(); });
+        std::thread([] {
+            for (;;) {
+                const std::lock_guard<std::mutex> guard(lock);
+                dlog_print(DLOG_ERROR, "tag", "line\n");
+            }
+        }).detach();
+        for (int i = 0; i < 200; ++i) {
+            REQUIRE(finish(start([] { _exit(0); })) == 0);
+        }
+        _exit(0);
+    });
+}
 
 TEST_F(StoreTest, LogLinesOfAnyLengthAndBytesStayWholeAndOne)
 {
