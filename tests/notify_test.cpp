@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <future>
 #include <mutex>
@@ -36,6 +37,7 @@ __attribute__((noinline)) void operator delete(void* block) noexcept { std::free
 void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 #define REFUSES_MALLOC
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own malloc has that name
 extern "C" void* __libc_malloc(size_t size);
 extern "C" __attribute__((visibility("default"))) void* malloc(size_t size) noexcept
 {
@@ -122,8 +124,8 @@ void step(int expected, int result, const Events& events, int line = __builtin_L
 
 template <class Callback>
 struct Kind {
-    int type;
-    Callback first, second;
+    int type = 0;
+    Callback first = nullptr, second = nullptr;
     std::vector<std::pair<mock::Value, std::string>> values;  // and what the callbacks are told
 };
 
@@ -246,6 +248,7 @@ TEST_F(NotifyTest, WithoutMemoryARegistrationFailsAndTheListIsAsBefore)
 #ifdef REFUSES_MALLOC
     refused(sizeof(CallbackNode), "Fail to malloc, poitner is NULL");
 #endif
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the list is one of pointers
     refused(sizeof(CallbackNode*), "Fail to grow nodeList");
     EXPECT_EQ(1, watcher.RegisterCallback(untyped(on<int, 1>), one));
     EXPECT_EQ(1, mock::count("vconf_notify_key_changed"));
@@ -266,13 +269,8 @@ struct Stop {
     }
 };
 
-// Gives another thread every chance to run to where it has to wait. Nothing depends on its having got there.
-void giveWay(int times = 200)
-{
-    for (int i = 0; i < times; ++i) {
-        std::this_thread::yield();
-    }
-}
+// Gives another thread a chance to run to where it has to wait. Nothing depends on its having got there.
+void giveWay() { std::this_thread::sleep_for(std::chrono::microseconds(100)); }
 
 void runAtOnce(const std::vector<std::function<void()>>& bodies)
 {
@@ -325,7 +323,11 @@ TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
 {
     const ZOLStringCallback callbacks[] = {on<std::string, 1>, on<std::string, 2>, on<std::string, 3>,
                                            on<std::string, 4>, on<std::string, 5>, on<std::string, 6>};
-    mock::setHook([](const std::string& event) { giveWay(event == kNotify ? 200 : 0); });
+    mock::setHook([](const std::string& event) {
+        if (event == kNotify) {
+            giveWay();
+        }
+    });
     std::vector<std::function<void()>> registrations;
     for (const auto callback : callbacks) {
         registrations.emplace_back([callback] { EXPECT_EQ(1, addLanguage(callback, one)); });

@@ -11,13 +11,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
-#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -281,17 +280,15 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
             }
         });
     };
-    std::mt19937 random(20261122);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same in every run
-    std::vector<pid_t> workers;
-    for (unsigned kills = 0; kills < 68; ++kills) {
-        if (workers.size() == 8) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 20));
-            std::swap(workers[random() % workers.size()], workers.back());
-            kill(workers.back(), SIGKILL);
-            EXPECT_EQ(-SIGKILL, finish(workers.back()));
-            workers.pop_back();
+    std::vector<pid_t> workers(8);
+    for (unsigned i = 0; i < 68; ++i) {
+        pid_t& worker = workers[i % 8];
+        if (i >= 8) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(i * 7 % 20));
+            kill(worker, SIGKILL);
+            EXPECT_EQ(-SIGKILL, finish(worker));
         }
-        workers.push_back(startWorker(kills + 2));
+        worker = startWorker(i + 2);
     }
     // Opening the store frees the slots, while somebody else has it open. Without anybody they would be gone anyhow.
     inChild([] { REQUIRE(isWhole(text("db/a")) && isWhole(text("memory/a"))); });
