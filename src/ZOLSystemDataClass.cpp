@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -171,10 +172,34 @@ constexpr char kOn[] = "on";
 // A list needs two levels; a text beyond this many counts as one that does not parse.
 constexpr int kMaxDepth = 64;
 
+// RapidJSON does not look whether its allocator has memory to give, so this one throws when it has none.
+struct ThrowingAllocator {
+    static const bool kNeedFree = true;
+    static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
+    static void* Realloc(void* block, std::size_t /*oldSize*/, std::size_t newSize)
+    {
+        if (newSize == 0) {
+            std::free(block);
+            return nullptr;
+        }
+        void* const moved = std::realloc(block, newSize);
+        if (moved == nullptr) {
+            throw std::bad_alloc();
+        }
+        return moved;
+    }
+    static void Free(void* block) { std::free(block); }
+};
+
+using Utf8 = rapidjson::UTF8<>;
+using Pool = rapidjson::MemoryPoolAllocator<ThrowingAllocator>;
+using Document = rapidjson::GenericDocument<Utf8, Pool, ThrowingAllocator>;
+using Value = Document::ValueType;
+
 // Builds a document from the parser's events and stops the parser where the text is nested too deep.
 class DepthGuard {
 public:
-    explicit DepthGuard(rapidjson::Document& document) : document_(document) {}
+    explicit DepthGuard(Document& document) : document_(document) {}
 
     bool Null() { return document_.Null(); }
     bool Bool(bool value) { return document_.Bool(value); }
@@ -198,15 +223,15 @@ public:
     bool EndArray(rapidjson::SizeType elements) { return --depth_, document_.EndArray(elements); }
 
 private:
-    rapidjson::Document& document_;
+    Document& document_;
     int depth_ = 0;
 };
 
 // Parses `text` into `document`; false when it is not JSON or nested too deep.
-bool parse(const std::string& text, rapidjson::Document& document)
+bool parse(const std::string& text, Document& document)
 {
-    rapidjson::Reader reader;
-    auto events = [&](rapidjson::Document& target) {
+    rapidjson::GenericReader<Utf8, Utf8, ThrowingAllocator> reader;
+    auto events = [&](Document& target) {
         rapidjson::StringStream stream(text.c_str());
         DepthGuard guard(target);
         return !reader.Parse(stream, guard).IsError();
@@ -218,7 +243,7 @@ bool parse(const std::string& text, rapidjson::Document& document)
 // The text of an entry's first member of that name, up to its first NUL, or null when the entry has no such text.
 // A member that holds something other than a string counts as missing here: such an entry matches no app and is not
 // listed, and a rewrite of the list keeps it as it is.
-const char* memberText(const rapidjson::Value& entry, const char* name)
+const char* memberText(const Value& entry, const char* name)
 {
     if (!entry.IsObject()) {
         return nullptr;
@@ -227,9 +252,9 @@ const char* memberText(const rapidjson::Value& entry, const char* name)
     return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : nullptr;
 }
 
-rapidjson::Value* findApp(rapidjson::Document& list, const std::string& appid)
+Value* findApp(Document& list, const std::string& appid)
 {
-    for (rapidjson::Value& entry : list.GetArray()) {
+    for (Value& entry : list.GetArray()) {
         const char* text = memberText(entry, kAppid);
         if (text != nullptr && *text != '\0' && appid == text) {  // an empty id never matches
             return &entry;
@@ -238,9 +263,9 @@ rapidjson::Value* findApp(rapidjson::Document& list, const std::string& appid)
     return nullptr;
 }
 
-void setMode(rapidjson::Value& entry, const std::string& mode, rapidjson::Document::AllocatorType& allocator)
+void setMode(Value& entry, const std::string& mode, Pool& allocator)
 {
-    rapidjson::Value text(mode.c_str(), allocator);
+    Value text(mode.c_str(), allocator);
     const auto member = entry.FindMember(kConcurrent);
     if (member != entry.MemberEnd()) {
         member->value = text;
@@ -249,21 +274,25 @@ void setMode(rapidjson::Value& entry, const std::string& mode, rapidjson::Docume
     }
 }
 
-}  // namespace
-
-void toString(rapidjson::Value& value, std::string& out)
+template <class AnyValue>
+void writeText(const AnyValue& value, std::string& out)
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    using Buffer = rapidjson::GenericStringBuffer<Utf8, ThrowingAllocator>;
+    Buffer buffer;
+    rapidjson::Writer<Buffer, Utf8, Utf8, ThrowingAllocator> writer(buffer);
     value.Accept(writer);
     out.assign(buffer.GetString(), buffer.GetSize());
 }
 
+}  // namespace
+
+void toString(rapidjson::Value& value, std::string& out) { writeText(value, out); }
+
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes both as its own
 bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
-    rapidjson::Document list;
-    auto& allocator = list.GetAllocator();
+    Document list;
+    Pool& allocator = list.GetAllocator();
 
     std::string text;
     getString(key::ZOLConcurrentAppList, text);
@@ -278,15 +307,15 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
         list.SetArray();
     }
 
-    if (rapidjson::Value* entry = findApp(list, appid)) {
+    if (Value* entry = findApp(list, appid)) {
         setMode(*entry, mode, allocator);
     } else {
-        rapidjson::Value added(rapidjson::kObjectType);
-        added.AddMember(kAppid, rapidjson::Value(appid.c_str(), allocator), allocator);
-        added.AddMember(kConcurrent, rapidjson::Value(mode.c_str(), allocator), allocator);
+        Value added(rapidjson::kObjectType);
+        added.AddMember(kAppid, Value(appid.c_str(), allocator), allocator);
+        added.AddMember(kConcurrent, Value(mode.c_str(), allocator), allocator);
         list.PushBack(added, allocator);
     }
-    toString(list, text);
+    writeText(list, text);
     setString(key::ZOLConcurrentAppList, std::move(text));
     return true;
 }
@@ -303,17 +332,23 @@ bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
     if (!getString(key::ZOLConcurrentAppList, text)) {
         return false;
     }
-    rapidjson::Document document;
+    Document document;
     if (!parse(text, document) || !document.IsArray()) {
         dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
         return false;
     }
-    for (const rapidjson::Value& entry : document.GetArray()) {
-        const char* appid = memberText(entry, kAppid);
-        const char* concurrent = memberText(entry, kConcurrent);
-        if (appid != nullptr && concurrent != nullptr && std::strcmp(concurrent, kOn) == 0) {
-            list.emplace_back(appid);
+    const std::size_t before = list.size();
+    try {
+        for (const Value& entry : document.GetArray()) {
+            const char* appid = memberText(entry, kAppid);
+            const char* concurrent = memberText(entry, kConcurrent);
+            if (appid != nullptr && concurrent != nullptr && std::strcmp(concurrent, kOn) == 0) {
+                list.emplace_back(appid);
+            }
         }
+    } catch (...) {
+        list.resize(before);  // the caller's list changes as a whole or not at all
+        throw;
     }
     return true;
 }

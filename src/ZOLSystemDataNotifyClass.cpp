@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 #include <mutex>
+#include <new>
 
 #include "VconfCallback/WatcherCensus.h"
 #include "VconfCallbackGenerator.h"
@@ -73,13 +74,16 @@ void setUpFork()
 {
     static const bool done = [] {
         WatcherCensus::instance();
-        pthread_atfork(lockAll, unlockAll, [] {
+        const auto inChild = [] {
             for (Topic& topic : topics) {
                 topic.inside = 0;
                 topic.releaseFor = nullptr;
             }
             unlockAll();
-        });
+        };
+        if (pthread_atfork(lockAll, unlockAll, inChild) != 0) {
+            throw std::bad_alloc();
+        }
         return true;
     }();
     (void)done;

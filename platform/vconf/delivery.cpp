@@ -61,7 +61,12 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
         startThread();
         running_ = true;
     }
-    subscriptions_[std::string(key)].push_back({nextId_++, last, handler, userData});
+    const Subscription added{nextId_++, last, handler, userData};
+    if (known != subscriptions_.end()) {
+        known->second.push_back(added);
+    } else {
+        subscriptions_.emplace(std::string(key), std::vector<Subscription>{added});
+    }
     if (itsHalf.store == nullptr) {
         itsHalf.store = &store;
         itsHalf.seen = last;
@@ -182,9 +187,10 @@ bool Delivery::deliverOnce()
         fleeting = collect(Lifetime::Volatile);
     }
     if (persistent.missed + fleeting.missed > 0) {
-        logLine("delivery", "this process fell behind by more than the journal holds; " +
-                                std::to_string(persistent.missed + fleeting.missed) +
-                                " writes are passed over, and each key that changed gets its newest value");
+        const std::string message = "this process fell behind by more than the journal holds; " +
+                                    std::to_string(persistent.missed + fleeting.missed) +
+                                    " writes are passed over, and each key that changed gets its newest value";
+        logLine("delivery", message.c_str());
         // Without the writes between, there is no order across the halves left to keep.
         settled = UINT64_MAX;
         persistent.cutOff = fleeting.cutOff = false;

@@ -3,13 +3,12 @@
 
 #include <dlog.h>
 
-#include <string>
-
 namespace vconf {
 
-inline void logLine(const char* function, const std::string& message)
+// Allocates nothing, since it also tells of a lack of memory.
+inline void logLine(const char* function, const char* message)
 {
-    dlog_print(DLOG_ERROR, "VCONF", "%s: %s\n", function, message.c_str());
+    dlog_print(DLOG_ERROR, "VCONF", "%s: %s\n", function, message);
 }
 
 }  // namespace vconf

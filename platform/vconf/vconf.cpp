@@ -31,11 +31,16 @@ struct Process {
     std::array<std::atomic<Store*>, 2> halves{};
     std::mutex openLock;
     Delivery delivery;
-    // A child must neither use nor close what its parent opened: LMDB would clear the parent's entries in the table of
-    // readers. What was inherited is only kept here, and the child opens the store anew.
-    std::forward_list<Store*> inherited;
+    // All that were ever opened. A child must neither use nor close what its parent opened: LMDB would clear the
+    // parent's entries in the table of readers. It opens the store anew, and what it inherited is only kept here.
+    std::forward_list<Store*> opened;
 
-    Process() { pthread_atfork(prepareFork, parentOfFork, childOfFork); }
+    Process()
+    {
+        if (pthread_atfork(prepareFork, parentOfFork, childOfFork) != 0) {
+            throw std::bad_alloc();
+        }
+    }
 
     static void prepareFork();
     static void parentOfFork();
@@ -65,7 +70,6 @@ void Process::childOfFork()
     for (auto& half : process().halves) {
         if (Store* store = half.exchange(nullptr)) {
             store->closeSignalInChild();
-            process().inherited.push_front(store);
         }
     }
     process().delivery.resetInChild();
@@ -80,7 +84,9 @@ Store& storeOf(Lifetime lifetime)
         const std::lock_guard<std::mutex> guard(process().openLock);
         store = half.load(std::memory_order_relaxed);
         if (store == nullptr) {
-            store = new Store(lifetime);
+            std::forward_list<Store*> place(1);  // made first: what is open has to be remembered
+            store = place.front() = new Store(lifetime);
+            process().opened.splice_after(process().opened.before_begin(), place);
             half.store(store, std::memory_order_release);
         }
     }

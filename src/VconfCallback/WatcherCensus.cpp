@@ -16,8 +16,10 @@ WatcherCensus& WatcherCensus::instance()
 
 WatcherCensus::WatcherCensus()
 {
-    pthread_atfork([] { instance().lock_.lock(); }, [] { instance().lock_.unlock(); },
-                   [] { instance().startAfreshInChild(); });
+    if (pthread_atfork([] { instance().lock_.lock(); }, [] { instance().lock_.unlock(); },
+                       [] { instance().startAfreshInChild(); }) != 0) {
+        throw std::bad_alloc();
+    }
 }
 
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)
