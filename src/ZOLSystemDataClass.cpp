@@ -41,13 +41,15 @@ bool getString(const char* key, std::string& value)
     struct Free {
         void operator()(char* text) const { std::free(text); }
     };
-    std::unique_ptr<char, Free> text(vconf_get_str(key));
-    if (!text) {
-        dlog_print(ZOL_LINE("vconf_get_str is failed"));
-        return false;
+    std::string copy;
+    {
+        const std::unique_ptr<char, Free> text(vconf_get_str(key));
+        if (!text) {
+            dlog_print(ZOL_LINE("vconf_get_str is failed"));
+            return false;
+        }
+        copy = text.get();
     }
-    std::string copy(text.get());
-    text.reset();
     value = std::move(copy);
     dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
     return true;
@@ -172,23 +174,22 @@ constexpr char kOn[] = "on";
 // A list needs two levels; a text beyond this many counts as one that does not parse.
 constexpr int kMaxDepth = 64;
 
-// RapidJSON does not look whether its allocator has memory to give, so this one throws when it has none.
-struct ThrowingAllocator {
-    static const bool kNeedFree = true;
-    static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
-    static void* Realloc(void* block, std::size_t /*oldSize*/, std::size_t newSize)
+// RapidJSON does not look whether its allocator had memory to give, so this one throws when it had none.
+struct ThrowingAllocator : rapidjson::CrtAllocator {
+    void* Malloc(std::size_t size) { return checked(CrtAllocator::Malloc(size)); }
+    void* Realloc(void* block, std::size_t oldSize, std::size_t newSize)
     {
-        if (newSize == 0) {
-            std::free(block);
-            return nullptr;
-        }
-        void* const moved = std::realloc(block, newSize);
-        if (moved == nullptr) {
+        return checked(CrtAllocator::Realloc(block, oldSize, newSize));
+    }
+
+private:
+    static void* checked(void* block)
+    {
+        if (block == nullptr) {
             throw std::bad_alloc();
         }
-        return moved;
+        return block;
     }
-    static void Free(void* block) { std::free(block); }
 };
 
 using Utf8 = rapidjson::UTF8<>;
@@ -217,12 +218,14 @@ public:
         return document_.String(text, length, copy);
     }
     bool Key(const char* text, rapidjson::SizeType length, bool copy) { return document_.Key(text, length, copy); }
-    bool StartObject() { return ++depth_ <= kMaxDepth && document_.StartObject(); }
-    bool StartArray() { return ++depth_ <= kMaxDepth && document_.StartArray(); }
+    bool StartObject() { return enter() && document_.StartObject(); }
+    bool StartArray() { return enter() && document_.StartArray(); }
     bool EndObject(rapidjson::SizeType members) { return --depth_, document_.EndObject(members); }
     bool EndArray(rapidjson::SizeType elements) { return --depth_, document_.EndArray(elements); }
 
 private:
+    bool enter() { return ++depth_ <= kMaxDepth; }
+
     Document& document_;
     int depth_ = 0;
 };

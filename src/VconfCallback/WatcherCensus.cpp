@@ -117,7 +117,8 @@ WatcherCensus::Visit::~Visit()
     }
     WatcherCensus& census = instance();
     const std::lock_guard<std::mutex> guard(census.lock_);
-    if (--presence_->dispatches == 0 && presence_->leaving) {
+    --presence_->dispatches;
+    if (presence_->leaving) {
         census.changed_.notify_all();
     }
 }
