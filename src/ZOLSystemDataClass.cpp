@@ -6,8 +6,10 @@
 #include <rapidjson/writer.h>
 #include <vconf.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -197,7 +199,9 @@ using Pool = rapidjson::MemoryPoolAllocator<ThrowingAllocator>;
 using Document = rapidjson::GenericDocument<Utf8, Pool, ThrowingAllocator>;
 using Value = Document::ValueType;
 
-// Builds a document from the parser's events and stops the parser where the text is nested too deep.
+// Builds a document from the parser's events and stops the parser where the text is nested too deep. A number just
+// above the largest double arrives as infinity, which JSON has no form for, so the largest is taken: otherwise the list
+// would be written up to that number only.
 class DepthGuard {
 public:
     explicit DepthGuard(Document& document) : document_(document) {}
@@ -208,7 +212,7 @@ public:
     bool Uint(unsigned value) { return document_.Uint(value); }
     bool Int64(int64_t value) { return document_.Int64(value); }
     bool Uint64(uint64_t value) { return document_.Uint64(value); }
-    bool Double(double value) { return document_.Double(value); }
+    bool Double(double value) { return document_.Double(std::clamp(value, -kLargest, kLargest)); }
     bool RawNumber(const char* text, rapidjson::SizeType length, bool copy)
     {
         return document_.RawNumber(text, length, copy);
@@ -224,6 +228,8 @@ public:
     bool EndArray(rapidjson::SizeType elements) { return --depth_, document_.EndArray(elements); }
 
 private:
+    static constexpr double kLargest = std::numeric_limits<double>::max();
+
     bool enter() { return ++depth_ <= kMaxDepth; }
 
     Document& document_;

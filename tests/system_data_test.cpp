@@ -244,6 +244,10 @@ struct Change {
 TEST_F(ConcurrentMode, ChangesTheList)
 {
     const std::string notJson = "json parsing is failed";
+    std::string wide = "{},[]";  // many at one level
+    for (int i = 0; i < 100; ++i) {
+        wide += ",{},[]";
+    }
     const std::string notArray = "json is invalid (root.isArray())";
     const std::string nul = R"({"appid":"a\u0000b","concurrent":"x\u0000y"})";
     const std::string strange =
@@ -278,6 +282,8 @@ TEST_F(ConcurrentMode, ChangesTheList)
         {R"([{"appid":"a","concurrent":{"appid":"b"}}])", "a", "on", list({on("a")})},
         {R"([{"appid":"a","Concurrent":"on"}])", "a", "off", R"([{"appid":"a","Concurrent":"on","concurrent":"off"}])"},
         {R"([{"appid":"\u0061","concurrent":"\/"},"\u00e9\/"])", "a", "on", list({on("a"), "\"\xc3\xa9/\""})},
+        {R"([1.7976931348623159e308,-1.7976931348623159e308])", "a", "on",
+         list({"1.7976931348623157e308", "-1.7976931348623157e308", on("a")})},
         // the first member of a name counts
         {R"([{"appid":"b","appid":"a"}])", "a", "on", list({R"({"appid":"b","appid":"a"})", on("a")})},
         {R"([{"appid":"a","appid":"b","concurrent":"x","concurrent":"y"}])", "a", "on",
@@ -285,6 +291,7 @@ TEST_F(ConcurrentMode, ChangesTheList)
         // what is not an entry stays as it is
         {list({strange}), "a", "on", list({strange, on("a")})},
         {list({noText}), "a", "on", list({noText, on("a")})},
+        {list({wide}), "a", "on", list({wide, on("a")})},
         // an empty id never matches
         {list({on("")}), "", "off", list({on(""), off("")})},
         {list({R"({"appid":"\u0000a"})"}), "", "off", list({R"({"appid":"\u0000a"})", off("")})},
