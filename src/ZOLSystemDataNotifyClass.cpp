@@ -70,24 +70,25 @@ void unlockAll()
 
 // Without this a child could find a key lock taken for ever by a thread that it does not have. It goes before the
 // census, in the order of the locks: what is set up last is called first.
-void setUpFork()
-{
-    static const bool done = [] {
+struct ForkHandlers {
+    ForkHandlers()
+    {
         WatcherCensus::instance();
-        const auto inChild = [] {
-            for (Topic& topic : topics) {
-                topic.inside = 0;
-                topic.releaseFor = nullptr;
-            }
-            unlockAll();
-        };
-        if (pthread_atfork(lockAll, unlockAll, inChild) != 0) {
+        if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
             throw std::bad_alloc();
         }
-        return true;
-    }();
-    (void)done;
-}
+    }
+
+    static void startAfreshInChild()
+    {
+        for (Topic& topic : topics) {
+            topic.inside = 0;  // the threads that were inside are not in the child
+        }
+        unlockAll();
+    }
+};
+
+void installForkHandlers() { static const ForkHandlers installed; }
 
 // Releases a watcher that stopped watching, on behalf of an unregister operation. The last operation to leave the
 // watcher does it; the key lock is held.
@@ -107,7 +108,7 @@ void releaseIfWanted(Topic& topic)
 template <class Callback>
 int add(const char* key, const char* operation, Callback callback, void* userData)
 {
-    setUpFork();
+    installForkHandlers();
     Topic& topic = topicOf(key);
     VconfCallbackGenerator* watcher = nullptr;
     {
