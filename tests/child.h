@@ -40,7 +40,14 @@ inline int finish(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-inline void inChild(const std::function<void()>& body) { EXPECT_EQ(0, finish(start(body))); }
+// A child that hangs is killed after a while, and fails.
+inline void inChild(const std::function<void()>& body)
+{
+    EXPECT_EQ(0, finish(start([&] {
+                  alarm(60);
+                  body();
+              })));
+}
 
 // Lets processes or threads wait for each other: one token a byte.
 class Gate {

@@ -1,5 +1,7 @@
 #include "folder.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
@@ -19,6 +22,7 @@ namespace {
 
 constexpr char kVolatilePrefix[] = "volatile-";
 constexpr std::size_t kBootIdSize = 36;
+constexpr const char* kFiles[] = {"data.mdb", "lock.mdb", "signal"};
 
 std::string environment(const char* name)
 {
@@ -100,6 +104,36 @@ void check(const fs::path& folder)
     }
 }
 
+// Whoever can look into the innermost folder can watch when the files in it are written to.
+void checkPrivate(const fs::path& folder)
+{
+    if ((fs::status(folder).permissions() & (fs::perms::group_all | fs::perms::others_all)) != fs::perms::none) {
+        throw std::runtime_error("refused folder " + folder.string() +
+                                 ": others may look into it; run chmod 700 on it");
+    }
+}
+
+// A process has its record locks on a file taken away when it closes any descriptor of it, so this is only for files
+// that it does not use yet.
+void reserve(const fs::path& file, off_t size)
+{
+    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        const int error = errno;
+        throw std::runtime_error("cannot open " + file.string() + ": " + std::strerror(error));
+    }
+    struct stat status {};
+    int error = 0;
+    if (fstat(fd, &status) == 0 && status.st_blocks * 512 < size && fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) != 0) {
+        error = errno;
+    }
+    close(fd);
+    if (error == ENOSPC || error == EDQUOT || error == EFBIG) {  // with any other, the file system just cannot do it
+        throw std::runtime_error("cannot make room for " + file.string() + ": " + std::strerror(error) +
+                                 "; free some space there");
+    }
+}
+
 // The folder under a place that the environment or the system gives. That place must exist; only what a desktop may
 // lack in a home or state folder is created on the way.
 fs::path applicationFolder(Lifetime lifetime)
@@ -129,17 +163,19 @@ fs::path applicationFolder(Lifetime lifetime)
     return local / "state" / "zol-tv";
 }
 
-// Removes the files of the store alone, and a folder only when nothing else is in it.
+// Removes the files of the store alone, and a folder only when nothing else is in it. Not with an iterator of the C++
+// library, which ends the process when there is no memory.
 void removeEarlierBoots(const fs::path& parent, const fs::path& current)
 {
     std::error_code ignored;
-    for (const auto& entry : fs::directory_iterator(parent, ignored)) {
-        const fs::path& folder = entry.path();
-        const std::string name = folder.filename().string();
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(parent.c_str()), closedir);
+    while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
+        const std::string name = entry->d_name;
+        const fs::path folder = parent / name;
         if (folder != current && name.rfind(kVolatilePrefix, 0) == 0 &&
             name.size() == std::strlen(kVolatilePrefix) + kBootIdSize &&
-            fs::is_directory(entry.symlink_status(ignored))) {
-            for (const char* file : {"data.mdb", "lock.mdb", "signal"}) {
+            fs::is_directory(fs::symlink_status(folder, ignored))) {
+            for (const char* file : kFiles) {
                 fs::remove(folder / file, ignored);
             }
             fs::remove(folder, ignored);
@@ -159,10 +195,39 @@ std::string prepareFolder(Lifetime lifetime)
     const fs::path folder = parent / (lifetime == Lifetime::Persistent ? "persistent" : thisBoot());
     create(folder);
     check(folder);
+    checkPrivate(folder);
     if (lifetime == Lifetime::Volatile) {
         removeEarlierBoots(parent, folder);
     }
     return folder.string();
+}
+
+void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
+{
+    for (const char* name : kFiles) {
+        const fs::path file = fs::path(folder) / name;
+        const fs::file_status status = fs::symlink_status(file);
+        if (!fs::exists(status)) {
+            continue;
+        }
+        if (!fs::is_regular_file(status)) {
+            throw std::runtime_error("cannot use " + file.string() +
+                                     ": it is not a regular file; remove the folder to start afresh");
+        }
+        if (faccessat(AT_FDCWD, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+            const int error = errno;
+            throw std::runtime_error("cannot use " + file.string() + ": " + std::strerror(error) +
+                                     "; let this user read and write it");
+        }
+    }
+    // The signal file comes last when a store is made, and every write comes after it.
+    const fs::path data = fs::path(folder) / "data.mdb";
+    if (fs::exists(fs::path(folder) / "signal") && (!fs::exists(data) || fs::file_size(data) == 0)) {
+        throw std::runtime_error("cannot use " + data.string() +
+                                 ": it has been removed or emptied; remove the folder to start afresh");
+    }
+    reserve(fs::path(folder) / "lock.mdb", lockSize);
+    reserve(data, dataSize);
 }
 
 }  // namespace vconf

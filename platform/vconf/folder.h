@@ -2,6 +2,8 @@
 #ifndef VCONF_FOLDER_H
 #define VCONF_FOLDER_H
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace vconf {
@@ -12,8 +14,15 @@ enum class Lifetime { Persistent, Volatile };
 /// Finds the folder for that half, creates it if need be (mode 0700) and checks it.
 /// @return its path.
 /// @throws std::runtime_error with a message for the log when there is no such folder or it cannot be trusted: another
-///         user owns it, others may write to it, or a link in a folder that others may write to leads to it.
+///         user owns it, others may write to it or look into it, or a link in a folder that others may write to leads
+///         to it.
 std::string prepareFolder(Lifetime lifetime);
+
+/// Checks the files in that folder before LMDB touches them, and takes the space on the disk for the first bytes of
+/// two: LMDB writes to the lock file through a mapping, where a full disk would be a bus error, and a new data file
+/// that gets only half of its head would be refused ever after.
+/// @throws std::runtime_error with a message for the log when one cannot be used.
+void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize);
 
 }  // namespace vconf
 

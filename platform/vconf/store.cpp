@@ -15,7 +15,9 @@ namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
 constexpr size_t kJournalSlack = 256;
-constexpr unsigned kMaxReaders = 4096;  // a thread that has read holds one of these until it ends
+constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
+constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
+constexpr off_t kLockSize = off_t{kMaxReaders + 4} * 64;  // a cache line a reader, and LMDB's locks
 
 struct ValueHeader {
     uint64_t sequence;
@@ -52,6 +54,7 @@ char* append(char* to, std::string_view text)
     return to + text.size();
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
 MDB_val valueOf(uint64_t& number) { return {sizeof number, &number}; }
 
@@ -78,12 +81,16 @@ Store::Store(Lifetime lifetime) : folder_(prepareFolder(lifetime))
         open(lifetime);
     } catch (...) {
         mdb_env_close(env_);
+        if (signal_ >= 0) {
+            close(signal_);
+        }
         throw;
     }
 }
 
 void Store::open(Lifetime lifetime)
 {
+    prepareFiles(folder_, kNewDataSize, kLockSize);
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
     checked("set up", mdb_env_set_mapsize(env_, kMapSize));
@@ -92,14 +99,14 @@ void Store::open(Lifetime lifetime)
     synced_ = lifetime == Lifetime::Persistent;
     const unsigned flags = synced_ ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
-    checkLength();
+    checkDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
     openSignal();
 }
 
-// A file that has been cut short would be a bus error later, when a lost page is read.
-void Store::checkLength() const
+// A file that has been cut short would be a bus error when a lost page is read, and a hole after the next write.
+void Store::checkDataFile() const
 {
     MDB_envinfo info{};
     MDB_stat stat{};
@@ -108,9 +115,11 @@ void Store::checkLength() const
     int fd = -1;
     checked("inspect", mdb_env_get_fd(env_, &fd));
     struct stat status {};
-    const auto needed = static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize);
-    if (fstat(fd, &status) != 0 || status.st_size < needed) {
-        throw Error("cannot open " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
+    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
+        throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
+    }
+    if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
+        throw Error("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
     }
 }
 
@@ -161,6 +170,12 @@ void Store::fail(const std::string& what, int code) const
             throw std::bad_alloc();
         case MDB_MAP_FULL:
             advice = "; the store is full";
+            break;
+        case ENOSPC:
+            advice = "; free some space there";
+            break;
+        case EIO:  // also where the disk took a part of what was written
+            advice = "; its disk may be full";
             break;
         case MDB_INVALID:
         case MDB_VERSION_MISMATCH:
@@ -281,12 +296,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     checked("write to", mdb_txn_begin(env_, nullptr, 0, &begun));
     WriteTransaction txn(begun);
 
-    int fd = -1;
-    struct stat status {};
-    checked("write to", mdb_env_get_fd(env_, &fd));
-    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
-        throw Error("cannot write to the store in " + folder_ + ": its files were removed; restart this program");
-    }
+    checkDataFile();
 
     MDB_cursor* cursor = nullptr;  // ends with the transaction
     checked("write to", mdb_cursor_open(txn.get(), journal_, &cursor));

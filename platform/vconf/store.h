@@ -4,6 +4,13 @@
 //   values   key                        -> sequence number (8), time (8), type (1), data
 //   journal  sequence number (8)        -> time (8), type (1), length of the key (2), key, data
 // Every write changes both in one transaction. Sequence numbers rise by one a write and are never used again.
+//
+// Opening refuses files that are not regular, a data file that is gone or empty though the store was in use, one whose
+// head is not LMDB's or of another version, and one that is shorter than its last page; the last is looked at again
+// before each write. A lock file that nobody has open may hold anything, LMDB fills it anew. What cannot be told: bytes
+// that something else changed inside the pages, and a file that is cut short while a process has it mapped, which is a
+// bus error where that process next reads a lost page. To start afresh, end all programs that use the store and remove
+// its folder; removing or replacing one of the files alone damages it.
 #ifndef VCONF_STORE_H
 #define VCONF_STORE_H
 
@@ -96,7 +103,7 @@ private:
     void open(Lifetime lifetime);
     void openTables();
     void openSignal();
-    void checkLength() const;
+    void checkDataFile() const;
     void trimJournal(MDB_txn* txn, MDB_cursor* cursor) const;
     [[noreturn]] void fail(const std::string& what, int code) const;
     void checked(const char* what, int code) const;
