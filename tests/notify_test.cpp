@@ -7,8 +7,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -21,29 +23,6 @@
 
 using mock::boolean;
 using mock::Events;
-
-// ---- memory that runs out, for one size of block in one thread ------------------------------------------------------
-
-static thread_local size_t refusedSize = 0;
-__attribute__((noinline)) void* operator new(size_t size)
-{
-    void* block = size == refusedSize ? nullptr : std::malloc(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
-__attribute__((noinline)) void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, size_t /*size*/) noexcept { operator delete(block); }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#define REFUSES_MALLOC
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own malloc has that name
-extern "C" void* __libc_malloc(size_t size);
-extern "C" __attribute__((visibility("default"))) void* malloc(size_t size) noexcept
-{
-    return size == refusedSize ? nullptr : __libc_malloc(size);
-}
-#endif
 
 namespace {
 
@@ -92,6 +71,14 @@ std::string added(const std::string& message) { return watcherLine("RegisterCall
 std::string removed(const std::string& message) { return watcherLine("UnregisterCallback", message); }
 std::string delivered(const std::string& message) { return watcherLine("VconfCallbackMethod", message); }
 
+template <class Callback>
+std::string calling(Callback callback)
+{
+    std::ostringstream address;
+    address << reinterpret_cast<void*>(callback);
+    return delivered("call cb (" + address.str() + ")");
+}
+
 const std::string kRemoving = "VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"";
 const std::string kSuccess = added("RegisterCallback SUCCESS");
 
@@ -138,11 +125,12 @@ void watchTopic(const Kind<Callback>& kind, const std::string& name, const std::
     step(1, add(kind.first, one), created(name, key, kind.type, {"vconf_notify_key_changed " + key, kSuccess}));
     step(1, add(kind.first, two), {added("failed to register callback, it is already existed")});
     step(1, add(kind.second, two), {kSuccess});
+    mock::takeEvents();
     for (const auto& [value, expected] : kind.values) {
         EXPECT_EQ(1, mock::fire(key, value));
         EXPECT_EQ(Events({expected + " one", expected + " two"}), takeTold());
+        mock::did({delivered("Vconf cb invoked : " + key), calling(kind.first), calling(kind.second)});
     }
-    mock::takeEvents();
     step(1, remove(kind.first), {kRemoving});
     step(0, remove(kind.first), {kRemoving, removed("Can't find registered callback")});
     step(1, remove(kind.second),
@@ -230,29 +218,6 @@ TEST_F(NotifyTest, EventsThatCannotBeDeliveredAreLoggedAndCallNobody)
     logs(&text, "vconf keynode_t has no text");
     logs(&odd, "Unknown Type");
     EXPECT_EQ(Events(), takeTold());
-}
-
-TEST_F(NotifyTest, WithoutMemoryARegistrationFailsAndTheListIsAsBefore)
-{
-    VconfCallbackGenerator watcher(DATA_TYPE_INT, "db/k");
-    const auto refused = [&watcher](size_t size, const std::string& message) {
-        refusedSize = size;
-        const int result = watcher.RegisterCallback(untyped(on<int, 1>), one);
-        refusedSize = 0;
-        EXPECT_EQ(0, result);
-        EXPECT_EQ(added(message), mock::takeEvents().back());
-        EXPECT_EQ(1, mock::fire("db/k", mock::integer(1)));
-        EXPECT_EQ(Events(), takeTold());
-        EXPECT_TRUE(watcher.IsExistVconfCallback());
-    };
-#ifdef REFUSES_MALLOC
-    refused(sizeof(CallbackNode), "Fail to malloc, poitner is NULL");
-#endif
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): the list is one of pointers
-    refused(sizeof(CallbackNode*), "Fail to grow nodeList");
-    EXPECT_EQ(1, watcher.RegisterCallback(untyped(on<int, 1>), one));
-    EXPECT_EQ(1, mock::count("vconf_notify_key_changed"));
-    EXPECT_EQ(1, watcher.UnregisterCallback(untyped(on<int, 1>)));
 }
 
 // ---- hazards --------------------------------------------------------------------------------------------------------
@@ -369,6 +334,23 @@ TEST_F(NotifyTest, ADeliveryThatMeetsTheEndOfItsWatcherTouchesNothing)
     EXPECT_EQ(Events(), takeTold());
 }
 
+TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
+{
+    static Stop running;
+    const ZOLStringCallback slow = [](std::string, void*) { running.reach(); };
+    auto watcher = std::make_unique<VconfCallbackGenerator>(DATA_TYPE_STRING, "db/k");
+    watcher->RegisterCallback(untyped(slow), nullptr);
+    watcher->RegisterCallback(untyped(onText), one);
+    std::thread delivery([] { mock::fire("db/k", mock::text("x")); });
+    running.reached.pass();
+    std::thread end([&watcher] { watcher.reset(); });
+    giveWay();
+    running.go.open();
+    delivery.join();
+    end.join();
+    EXPECT_EQ(Events{"x one"}, takeTold());
+}
+
 TEST_F(NotifyTest, AnEventForAGoneWatcherDoesNotReachAnotherAtItsAddress)
 {
     alignas(VconfCallbackGenerator) unsigned char place[sizeof(VconfCallbackGenerator)];
@@ -376,6 +358,8 @@ TEST_F(NotifyTest, AnEventForAGoneWatcherDoesNotReachAnotherAtItsAddress)
     watcher->RegisterCallback(untyped(on<int, 1>), one);
     watcher->UnregisterCallback(untyped(on<int, 1>));
     watcher->~VconfCallbackGenerator();
+    addLanguage(onText, one);  // another one that departs, elsewhere
+    removeLanguage(onText);
     watcher = new (place) VconfCallbackGenerator(DATA_TYPE_STRING, "db/text");
     watcher->RegisterCallback(untyped(onText), one);
 
@@ -500,11 +484,16 @@ TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
     }
 }
 
+// The log and the store are used with the library's locks held, so around fork() theirs come last.
+const int mockIsForkSafe =
+    pthread_atfork([] { mock::mutex.lock(); }, [] { mock::mutex.unlock(); }, [] { mock::mutex.unlock(); });
+
 // A child of fork() has no registrations and finds no lock taken, whatever the parent's threads held.
 TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
 {
     inChild([] {
-        static Stop running;
+        using Notify = ZOLSystemDataNotify;
+        static Stop running, subscribing, creating;
         static int called;
         static pid_t child;
         static const ZOLStringCallback slow = [](std::string, void*) { running.reach(); };
@@ -512,21 +501,46 @@ TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
             mock::reset();
             REQUIRE(addLanguage(onText, one) == 1 && removeLanguage(slow) == 0);
             REQUIRE(mock::fire(kLanguage, mock::text("x")) == 1 && takeTold() == Events{"x one"});
-            REQUIRE(removeLanguage(onText) == 1);
+            const int results = removeLanguage(onText) + addActivated(on<bool, 1>, one) +
+                                Notify::UnregisterZOLActivatedCallback(on<bool, 1>) +
+                                Notify::RegisterOSDCountryCallback(onText, one) +
+                                Notify::UnregisterOSDCountryCallback(onText) +
+                                Notify::RegisterDravixResetCountCallback(on<int, 1>, one) +
+                                Notify::UnregisterDravixResetCountCallback(on<int, 1>);
+            const Events events = mock::takeEvents();
+            REQUIRE(results == 7 && std::count_if(events.begin(), events.end(), [](const std::string& event) {
+                                        return event.find("Remove") != std::string::npos;
+                                    }) == 4);
             _exit(0);
         };
         addLanguage(slow, nullptr);
         addActivated([](bool, void*) { child = fork(); }, nullptr);
         addActivated([](bool, void*) { ++called; }, nullptr);
+        // Other threads hold a watcher's lock, the turn of another one and, for a short while, a key lock.
+        mock::setHook([](const std::string& event) {
+            if (event == "vconf_notify_key_changed db/comss/countrycode") {
+                subscribing.reach();
+            } else if (event.find("Create VconfCallbackGenerator : db/dravix") != std::string::npos) {
+                creating.reached.open();
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        });
         std::thread delivery([] { mock::fire(kLanguage, mock::text("x")); });
-        running.reached.pass();  // from now on that watcher's lock is held by a thread that a child does not have
+        running.reached.pass();
+        std::thread subscription([] { Notify::RegisterOSDCountryCallback(onText, one); });
+        subscribing.reached.pass();
+        std::thread creation([] { Notify::RegisterDravixResetCountCallback(on<int, 1>, one); });
+        creating.reached.pass();
         REQUIRE(finish(start(useAfresh)) == 0);
+        creation.join();
         fireActivated();  // which forks while it holds its watcher's lock
         if (child == 0) {
             REQUIRE(called == 0);  // the callbacks after the one that forked are the parent's
             useAfresh();
         }
         REQUIRE(finish(child) == 0 && called == 1);
+        subscribing.go.open();
+        subscription.join();
         running.go.open();
         delivery.join();
     });

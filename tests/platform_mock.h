@@ -53,6 +53,7 @@ struct State {
     std::map<std::string, Value> store;
     std::map<std::string, int> counts;    // of the calls of each function, refused ones included
     std::map<std::string, int> refusals;  // how many of its next calls are refused
+    int refuseAt = 0;                     // the call from now, log lines included, that is refused; 0 for none
     Events events;
     std::vector<Subscription> subscriptions;
     // Is called on the thread of each event, before a call of the store takes effect or is refused.
@@ -62,6 +63,15 @@ struct State {
 // Never destroyed: the library may log until the very end of the process.
 inline std::mutex& mutex = *new std::mutex;
 inline State& state = *new State;
+
+// Above 0 in a thread that runs the mock's own code. Who makes the library's allocations fail spares those of the mock.
+inline thread_local int inside = 0;
+struct Inside {
+    Inside() { ++inside; }
+    ~Inside() { --inside; }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+};
 
 // The state under its lock, for as long as the expression or the scope.
 struct Locked {
@@ -98,7 +108,11 @@ inline void deliver(const Subscription& to, const Value& value)
 inline int fire(const std::string& key, const Value& value)
 {
     int called = 0;
-    const auto subscriptions = Locked()->subscriptions;
+    std::vector<Subscription> subscriptions;
+    {
+        const Inside here;
+        subscriptions = Locked()->subscriptions;
+    }
     for (const Subscription& each : subscriptions) {
         if (each.key == key) {
             deliver(each, value);
@@ -110,21 +124,23 @@ inline int fire(const std::string& key, const Value& value)
 
 // ---- the platform's functions ---------------------------------------------------------------------------------------
 
-inline void happen(const std::string& event)
+// Records a call, and tells whether it may go on.
+inline bool happen(const std::string& event)
 {
     Locked()->events.push_back(event);
     if (const auto hook = Locked()->hook) {
         hook(event);
     }
+    const Locked locked;
+    return locked->refuseAt == 0 || --locked->refuseAt != 0;
 }
 
-// Records a call of the store, and tells whether it may go on.
 inline bool arrive(const std::string& function, const std::string& argument)
 {
-    happen(function + " " + argument);
+    const bool accepted = happen(function + " " + argument);
     const Locked locked;
     ++locked->counts[function];
-    return locked->refusals[function] == 0 || locked->refusals[function]-- < 0;
+    return (locked->refusals[function] == 0 || locked->refusals[function]-- < 0) && accepted;
 }
 
 inline bool find(const char* function, const char* key, int type, Value& value)
@@ -137,6 +153,7 @@ inline bool find(const char* function, const char* key, int type, Value& value)
 
 inline int getNumber(const char* function, const char* key, int type, int* number)
 {
+    const Inside here;
     Value value{type};
     const bool found = find(function, key, type, value);
     *number = found ? value.number : 1;
@@ -145,6 +162,7 @@ inline int getNumber(const char* function, const char* key, int type, int* numbe
 
 inline int set(const char* function, const char* key, const Value& value)
 {
+    const Inside here;
     const bool isText = value.type == VCONF_TYPE_STRING;
     if (!arrive(function, std::string(key) + "=" + (isText ? value.text : std::to_string(value.number)))) {
         return -1;
@@ -157,10 +175,15 @@ inline int set(const char* function, const char* key, const Value& value)
 
 char* vconf_get_str(const char* key)
 {
+    const mock::Inside here;
     mock::Value value{};
     return mock::find(__func__, key, VCONF_TYPE_STRING, value) ? strdup(value.text.c_str()) : nullptr;
 }
-int vconf_set_str(const char* key, const char* value) { return mock::set(__func__, key, mock::text(value)); }
+int vconf_set_str(const char* key, const char* value)
+{
+    const mock::Inside here;
+    return mock::set(__func__, key, mock::text(value));
+}
 int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_INT, value); }
 int vconf_set_int(const char* key, int value) { return mock::set(__func__, key, mock::integer(value)); }
 int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_BOOL, value); }
@@ -168,6 +191,7 @@ int vconf_set_bool(const char* key, int value) { return mock::set(__func__, key,
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
 {
+    const mock::Inside here;
     if (!mock::arrive(__func__, key)) {
         return -1;
     }
@@ -177,6 +201,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* u
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
 {
+    const mock::Inside here;
     const bool accepted = mock::arrive(__func__, key);
     const mock::Locked locked;
     auto& all = locked->subscriptions;
@@ -192,6 +217,7 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
 // Checks the priority, the tag and the frame of the line.
 int dlog_print(log_priority priority, const char* tag, const char* format, ...)
 {
+    const mock::Inside here;
     EXPECT_EQ(6, static_cast<int>(priority)) << format;
     EXPECT_STREQ("libZOL", tag) << format;
     constexpr char kFrame[] = "%s: %s[%d]\t ";
@@ -208,8 +234,7 @@ int dlog_print(log_priority priority, const char* tag, const char* format, ...)
     std::free(text);
     const std::size_t number = line.find('['), message = line.find("]\t ");
     EXPECT_GT(std::stoi(line.substr(number + 1)), 0) << line;
-    mock::happen(line.substr(0, number) + ":" + line.substr(message + 2));
-    return 0;
+    return mock::happen(line.substr(0, number) + ":" + line.substr(message + 2)) ? 0 : -1;
 }
 
 #endif
