@@ -106,6 +106,13 @@ void releaseIfWanted(Topic& topic)
 }
 
 template <class Callback>
+void* untyped(Callback callback)
+{
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a watcher keeps callbacks without their types
+    return reinterpret_cast<void*>(callback);
+}
+
+template <class Callback>
 int add(const char* key, const char* operation, Callback callback, void* userData)
 {
     installForkHandlers();
@@ -120,7 +127,7 @@ int add(const char* key, const char* operation, Callback callback, void* userDat
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const int result = watcher->RegisterCallback(reinterpret_cast<void*>(callback), userData);
+    const int result = watcher->RegisterCallback(untyped(callback), userData);
 
     const std::lock_guard<std::mutex> guard(topic.lock);
     --topic.inside;
@@ -138,7 +145,7 @@ int remove(const char* key, const char* operation, Callback callback)
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const int result = __unRegisterVconfCallback(watcher, reinterpret_cast<void*>(callback), topic.lock);
+    const int result = __unRegisterVconfCallback(watcher, untyped(callback), topic.lock);
 
     const std::lock_guard<std::mutex> guard(topic.lock);
     --topic.inside;

@@ -175,7 +175,9 @@ int setNumber(const char* function, const char* key, int type, int value)
 {
     return guarded(function, -1, [=] {
         const std::string_view name = checkedKey(key);
-        storeOf(lifetimeOf(name)).write(name, type, {reinterpret_cast<const char*>(&value), sizeof value});
+        std::array<char, sizeof value> bytes{};
+        std::memcpy(bytes.data(), &value, sizeof value);
+        storeOf(lifetimeOf(name)).write(name, type, {bytes.data(), bytes.size()});
         return 0;
     });
 }

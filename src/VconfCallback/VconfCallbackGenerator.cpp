@@ -23,6 +23,7 @@ void call(CallbackNode node, const From& value)
 {
     dlog_print(ZOL_LINE_OF("VconfCallbackMethod", "call cb (%p)"), node.callback);
     try {
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): callbacks are kept without their types
         reinterpret_cast<void (*)(Value, void*)>(node.callback)(Value(value), node.userData);
     } catch (abi::__forced_unwind&) {
         throw;  // the thread is being cancelled, which cannot be stopped

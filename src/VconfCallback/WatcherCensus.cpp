@@ -58,7 +58,7 @@ void WatcherCensus::startAfreshInChild()
 {
     new (&changed_) std::condition_variable;
     for (auto& [address, presence] : present_) {
-        auto& watcher = *static_cast<VconfCallbackGenerator*>(const_cast<void*>(address));
+        auto& watcher = *static_cast<VconfCallbackGenerator*>(address);
         const bool here = presence.listHolder.load(std::memory_order_relaxed) == std::this_thread::get_id();
         presence.dispatches = here ? 1 : 0;
         presence.turnTaken = false;

@@ -105,7 +105,7 @@ private:
 
     std::mutex lock_;
     std::condition_variable changed_;
-    std::unordered_map<const void*, Presence> present_;
+    std::unordered_map<void*, Presence> present_;
     std::array<Departed, kRemembered> departed_;
     std::size_t nextDeparted_ = 0;
 };
