@@ -26,7 +26,8 @@ namespace key = ZOLVconfKey;
 
 // ---- typed key access -----------------------------------------------------------------------------------------------
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes the value as its own
+// cppcheck-suppress passedByValue ; the exported signature takes the value as its own
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the same
 bool setString(const char* key, std::string value)
 {
     if (value.empty()) {
@@ -295,9 +296,11 @@ void writeText(const AnyValue& value, std::string& out)
 
 }  // namespace
 
+// cppcheck-suppress constParameter ; the exported signature
 void toString(rapidjson::Value& value, std::string& out) { writeText(value, out); }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes both as its own
+// cppcheck-suppress passedByValue ; the exported signature takes both as its own
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the same
 bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
     Document list;

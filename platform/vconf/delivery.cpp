@@ -299,6 +299,7 @@ void Delivery::deliver(Lifetime lifetime, const Write& write)
         }
         const unsigned forks = forks_;
         next.handler(&node, next.userData);
+        // cppcheck-suppress knownConditionTrueFalse ; it rises where the handler forks, in the child
         if (forks_ != forks) {
             throw InChildOfFork();
         }

@@ -76,10 +76,8 @@ void WatcherCensus::startAfreshInChild()
 // An event that was meant for a watcher that is gone can find another watcher at the same address. It carries the gone
 // one's key. Whether the key is the present watcher's does not tell the two apart, since an event under another name is
 // delivered; whether it is that of a watcher that was there before does. What remains:
-// - a late event is delivered when its key is the present watcher's too, as a value of before its callbacks'
-// registration
-//   (in the registry such watchers have one type; who makes watchers of one key in two types must not reuse the
-//   address);
+// - a late event is delivered when its key is the present watcher's too, as a value of before the registration (in the
+//   registry such watchers have one type; who makes watchers of one key in two types must not reuse the address);
 // - a late event is delivered when 1,024 watchers have been destroyed since its own, or when it did not bear its key;
 // - an event that is on time but bears the key of a watcher that was at that address before is dropped.
 WatcherCensus::Visit::Visit(void* address, const char* key)
@@ -90,11 +88,11 @@ WatcherCensus::Visit::Visit(void* address, const char* key)
     if (found == census.present_.end() || found->second.leaving) {
         return;
     }
-    auto* watcher = static_cast<VconfCallbackGenerator*>(address);
-    if (watcher->vconfPath != key && census.hasDeparted(address, key)) {
+    auto* present = static_cast<VconfCallbackGenerator*>(address);
+    if (present->vconfPath != key && census.hasDeparted(address, key)) {
         return;
     }
-    watcher_ = watcher;
+    watcher_ = present;
     presence_ = &found->second;  // stays where it is until the watcher departs
     ++presence_->dispatches;
 }
@@ -123,6 +121,7 @@ WatcherCensus::Visit::~Visit()
     }
 }
 
+// cppcheck-suppress constParameter ; the census keeps addresses of what it may change
 WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher)
 {
     WatcherCensus& census = instance();

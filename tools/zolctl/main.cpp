@@ -190,8 +190,8 @@ int CommandLine::run(int argc, char** argv)
             return app_.exit(error);  // prints help or the version
         }
         const auto given = app_.get_subcommands();
-        const std::string command = given.empty() ? "" : given.front()->get_name() + " ";
-        throw UsageError(std::string(error.what()) + "; zolctl " + command + "--help shows how it is used");
+        const std::string name = given.empty() ? "" : given.front()->get_name() + " ";
+        throw UsageError(std::string(error.what()) + "; zolctl " + name + "--help shows how it is used");
     }
     chooseLog(verbose_);
     return chosen_();
