@@ -1,9 +1,11 @@
 #!/bin/bash
-# The built library's file: library_file_test.sh LIBRARY EXPORTS
-# It exports exactly what EXPORTS lists, needs nothing but the platform and the C and C++ runtime, and has its names.
+# The built files as they are installed: library_file_test.sh BUILD_DIR EXPORTS
+# Each is hardened. The library exports exactly what EXPORTS lists, needs nothing but the platform and the C and C++
+# runtime, and has its names.
 set -euo pipefail
 export LC_ALL=C
-library=$1
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
 failed=0
 
 same() {
@@ -13,6 +15,8 @@ same() {
     fi
 }
 
+cmake --install "$1" --prefix "$scratch" >/dev/null
+library=$(find "$scratch" -name 'libcapi-zol-tv.so.*.*')
 same "exported symbols" "$(grep -v '^#' "$2")" "$(nm -D --defined-only --format=posix "$library" | cut -d' ' -f1)"
 
 platform=$(printf '%s\n' dlog_print vconf_{get,set}_{bool,int,str} vconf_{ignore,notify}_key_changed)
@@ -23,6 +27,24 @@ same "symbols needed from the platform" "$platform" \
 same "soname" "libcapi-zol-tv.so.1" "$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
 for name in libcapi-zol-tv.so libcapi-zol-tv.so.1; do
     link=$(dirname "$library")/$name
-    same "file behind the link $name" "link to $(readlink -f "$library")" "$([ -L "$link" ] && echo "link to $(readlink -f "$link")")"
+    same "file behind the link $name" "link to $library" "$([ -L "$link" ] && echo "link to $(readlink -f "$link")")"
 done
+
+while read -r file; do
+    found=$(readelf -hldW "$file" 2>/dev/null && nm -D --undefined-only "$file") || continue # a text
+    while read -r count pattern; do
+        same "${file#"$scratch"/}: lines with $pattern" "$count" "$(grep -cE "$pattern" <<<"$found" || true)"
+    done <<'END'
+1 Type: +DYN
+1 ^ +GNU_RELRO
+1 \(FLAGS\) .*BIND_NOW
+1 ^ +GNU_STACK .* RW +0x
+1 U __stack_chk_fail@
+0 TEXTREL|RPATH|RUNPATH
+END
+done < <(find "$scratch" -type f)
+
+# Of the libraries only the log calls a function that every compiler checks; the others call none that could be.
+log=$(find "$scratch" -name 'libdlog.so.*.*')
+[ -z "$log" ] || same "$log: calls of the checked vsnprintf" 1 "$(nm -D "$log" | grep -c 'U __vsnprintf_chk@' || true)"
 exit $failed
