@@ -256,6 +256,8 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValuesThatWereWrit
         {"start afresh", copy + "head -c 8192 /dev/zero | dd of=data.mdb conv=notrunc"},
         {"VERSION_MISMATCH", copy + "printf c | dd of=data.mdb bs=1 seek=20 conv=notrunc"},
         {"", copy},  // with the lock file of a process that was killed
+        {"",
+         "rm -rf real; cp -rp sound real; ln -s real store; cp -rp sound/$HALF real/volatile-" + std::string(36, '0')},
         {"", copy + "yes | head -c 100 >lock.mdb"},
         {"", copy + "yes | head -c 300000 >lock.mdb"},
         {"", copy + "rm lock.mdb signal"},
