@@ -131,12 +131,6 @@ WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher)
     presence_->turnTaken = true;
 }
 
-void WatcherCensus::Turn::subscribed()
-{
-    const std::lock_guard<std::mutex> guard(instance().lock_);
-    presence_->wasSubscribed = true;
-}
-
 WatcherCensus::Turn::~Turn()
 {
     WatcherCensus& census = instance();

@@ -42,7 +42,7 @@ class WatcherCensus {
         int dispatches = 0;
         bool leaving = false;
         bool turnTaken = false;
-        bool wasSubscribed = false;
+        bool wasSubscribed = false;  // changed in a turn, which ends before the watcher departs
         std::atomic<std::thread::id> listHolder{};  // the dispatching thread that has listMutex, and changes this
     };
 
@@ -80,7 +80,7 @@ public:
         explicit Turn(VconfCallbackGenerator& watcher);
         ~Turn();
         /// To be called when vconf has accepted the subscription.
-        void subscribed();
+        void subscribed() { presence_->wasSubscribed = true; }
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
 
