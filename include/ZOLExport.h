@@ -3,6 +3,7 @@
 #ifndef ZOL_EXPORT_H
 #define ZOL_EXPORT_H
 
+/// Stands before what is exported.
 #define ZOL_API __attribute__((visibility("default")))
 
 #endif

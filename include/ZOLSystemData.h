@@ -26,12 +26,22 @@
 /// Errors: nothing is thrown but std::bad_alloc when a string cannot be copied. Nothing is retried.
 ///
 /// Threads: every operation may be called from any thread at any time without locking.
+///
+/// @code
+/// std::string language;
+/// if (!ZOLSystemData::GetOSDLanguage(language)) language = "en_GB";  // not set yet
+/// if (ZOLSystemData::GetZOLActivated()) ZOLSystemData::SetZOLLanguage("de-DE");
+/// ZOLSystemData::EnableZOLConcurrentMode("org.example.assistant");
+/// std::vector<std::string> apps;
+/// ZOLSystemData::GetZOLConcurrentAppList(apps);
+/// @endcode
 class ZOL_API ZOLSystemData {
 public:
     ZOLSystemData() = delete;
 
     /// @name Strings that can be read and written
     /// @{
+
     /// Reads the always-on-voice mode setter: "db/multi-assistant/aov_mode_setter".
     static bool GetAovModeSetter(std::string& value);
     /// Writes the always-on-voice mode setter: "db/multi-assistant/aov_mode_setter".
@@ -60,6 +70,7 @@ public:
 
     /// @name Strings that can only be read
     /// @{
+
     /// Reads the web app uninstalled last: "memory/was/app_uninstall".
     static bool GetWebAppUninstall(std::string& value);
     /// Reads the web app installed last: "memory/was/app_install".
@@ -74,8 +85,9 @@ public:
     static bool GetOSDCountry(std::string& value);
     /// @}
 
-    /// @name The integer
+    /// @name The integer that can only be read
     /// @{
+
     /// Reads the voice guide's background volume as stored by the TV:
     /// "db/menu/system/accessibility/voiceguide/tv_bg_volume".
     static bool GetBackgroundVolume(int& value);
@@ -83,6 +95,7 @@ public:
 
     /// @name Switches that can be read and written; the Is and Get forms are the same
     /// @{
+
     /// Writes whether the assistant is activated: "db/multi-assistant/activated".
     static bool SetZOLActivated(bool value);
     /// Reads whether the assistant is activated: "db/multi-assistant/activated".
@@ -99,6 +112,7 @@ public:
 
     /// @name Switches that can only be read
     /// @{
+
     /// Reads the power-off state: "db/menu/system/power_control/PowerOff_Status".
     static bool GetPowerOffStatus();
     /// Reads whether audio goes to several outputs: "db/btapp/audio_multi_output_on_off".
@@ -125,6 +139,7 @@ public:
     /// The list is one JSON text in "db/multi-assistant/alexa_language"; ZOLConcurrentMode.h shows its form. It is
     /// read, changed and written back without a lock, so of two changes that overlap the later write wins.
     /// @{
+
     /// Puts an app in concurrent mode: its entry becomes "on".
     /// @param appid  The app's id, stored up to its first NUL.
     /// @return true, always; a write that vconf refuses is not noticed.

@@ -10,7 +10,7 @@
 
 class VconfCallbackGenerator;
 
-/// @name Callbacks: the new value, then the user data given with the registration
+/// A callback takes the new value, then the user data given with the registration.
 /// @{
 using ZOLBoolCallback = void (*)(bool value, void* userData);
 using ZOLIntCallback = void (*)(int value, void* userData);
@@ -45,49 +45,83 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// Threads: every operation may be called from any thread. A process that calls fork() keeps its registrations; the
 /// child starts without any. Errors are reported by results and in the log under the tag "libZOL"; nothing is thrown
 /// but std::bad_alloc when a topic's first registration finds no memory.
+///
+/// @code
+/// void onActivated(bool activated, void* userData) { static_cast<Assistant*>(userData)->show(activated); }
+/// ...
+/// if (ZOLSystemDataNotify::RegisterZOLActivatedCallback(onActivated, &assistant) == 0) ...  // the log tells why
+/// ...
+/// ZOLSystemDataNotify::UnregisterZOLActivatedCallback(onActivated);  // from here on the assistant may go
+/// @endcode
 class ZOL_API ZOLSystemDataNotify {
 public:
     ZOLSystemDataNotify() = delete;
 
     /// Topic: concurrent-mode app list, "db/multi-assistant/alexa_language".
+    /// @{
     static int RegisterZOLConcurrentAppListCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterZOLConcurrentAppListCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: Dravix reset counter, "db/dravix/reset_count".
+    /// @{
     static int RegisterDravixResetCountCallback(ZOLIntCallback callback, void* userData);
     static int UnregisterDravixResetCountCallback(ZOLIntCallback callback);
+    /// @}
     /// Topic: service reset counter, "db/factory/service_reset_count".
+    /// @{
     static int RegisterServiceResetCountCallback(ZOLIntCallback callback, void* userData);
     static int UnregisterServiceResetCountCallback(ZOLIntCallback callback);
+    /// @}
     /// Topic: factory reset counter, "db/factory/factory_reset_count".
+    /// @{
     static int RegisterFactoryResetCountCallback(ZOLIntCallback callback, void* userData);
     static int UnregisterFactoryResetCountCallback(ZOLIntCallback callback);
+    /// @}
     /// Topic: web app uninstalled, "memory/was/app_uninstall".
+    /// @{
     static int RegisterWebAppUninstallCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterWebAppUninstallCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: web app installed, "memory/was/app_install".
+    /// @{
     static int RegisterWebAppInstallCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterWebAppInstallCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: on-screen country, "db/comss/countrycode".
+    /// @{
     static int RegisterOSDCountryCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterOSDCountryCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: background volume, "db/menu/system/accessibility/voiceguide/tv_bg_volume".
+    /// @{
     static int RegisterBackgroundVolumeCallback(ZOLIntCallback callback, void* userData);
     static int UnregisterBackgroundVolumeCallback(ZOLIntCallback callback);
+    /// @}
     /// Topic: situational hint support, "db/multi-assistant/situational_hint_supported".
+    /// @{
     static int RegisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: assistant language, "db/multi-assistant/zol_language".
+    /// @{
     static int RegisterZOLLanguageCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterZOLLanguageCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: default assistant app, "db/multi-assistant/default_assistant_appid".
+    /// @{
     static int RegisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback, void* userData);
     static int UnregisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback);
+    /// @}
     /// Topic: assistant activated, "db/multi-assistant/activated".
+    /// @{
     static int RegisterZOLActivatedCallback(ZOLBoolCallback callback, void* userData);
     static int UnregisterZOLActivatedCallback(ZOLBoolCallback callback);
+    /// @}
     /// Topic: multiple-assistant mode, "db/multi-assistant/multiple_mode".
+    /// @{
     static int RegisterZOLMultipleModeCallback(ZOLBoolCallback callback, void* userData);
     static int UnregisterZOLMultipleModeCallback(ZOLBoolCallback callback);
+    /// @}
 };
 
 /// Removes a callback from a watcher; the unregister operations are made of it.
