@@ -73,7 +73,7 @@ void unlockAll()
 struct ForkHandlers {
     ForkHandlers()
     {
-        WatcherCensus::instance();
+        WatcherCensus::of(nullptr);
         if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
             throw std::bad_alloc();
         }

@@ -38,13 +38,13 @@ VconfCallbackGenerator::VconfCallbackGenerator(DataValueType type, const std::st
     : vconfPath(path), isExistVconfCallback(false), valueType(type)
 {
     dlog_print(ZOL_LINE("VconfCallbackGenerator type(%d) : %s"), static_cast<int>(type), path.c_str());
-    WatcherCensus::instance().arrive(*this);
+    WatcherCensus::of(this).arrive(*this);
 }
 
 VconfCallbackGenerator::~VconfCallbackGenerator()
 {
     dlog_print(ZOL_BARE_LINE("Start"));
-    WatcherCensus::instance().depart(*this, std::move(vconfPath));
+    WatcherCensus::of(this).depart(*this, std::move(vconfPath));
     forgetCallbacks();
 }
 
@@ -92,7 +92,7 @@ int VconfCallbackGenerator::RegisterCallback(void* callback, void* userData)
         }
         *node = {callback, userData};
         try {
-            const auto still = WatcherCensus::instance().holdStill();
+            const auto still = WatcherCensus::of(this).holdStill();
             nodeList.push_back(node);
         } catch (const std::bad_alloc&) {
             std::free(node);
@@ -128,7 +128,7 @@ int VconfCallbackGenerator::UnregisterCallback(void* callback)
         return 0;
     }
     {
-        const auto still = WatcherCensus::instance().holdStill();
+        const auto still = WatcherCensus::of(this).holdStill();
         std::free(*found);
         nodeList.erase(found);
     }

@@ -2,24 +2,56 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <new>
 #include <utility>
 
 #include "VconfCallbackGenerator.h"
 
+struct WatcherCensus::All {
+    std::array<WatcherCensus, kCensuses> censuses;
+
+    All()
+    {
+        if (pthread_atfork(lockAll, unlockAll, startAllAfreshInChild) != 0) {
+            throw std::bad_alloc();
+        }
+    }
+    static void lockAll()
+    {
+        for (WatcherCensus& each : all().censuses) {
+            each.lock_.lock();
+        }
+    }
+    static void unlockAll()
+    {
+        for (WatcherCensus& each : all().censuses) {
+            each.lock_.unlock();
+        }
+    }
+    static void startAllAfreshInChild()
+    {
+        for (WatcherCensus& each : all().censuses) {
+            each.startAfreshInChild();
+        }
+        unlockAll();
+    }
+};
+
 // Never destroyed: threads may deliver until the very end of the process.
-WatcherCensus& WatcherCensus::instance()
+WatcherCensus::All& WatcherCensus::all()
 {
-    static auto* const the = new WatcherCensus;
+    static auto* const the = new All;
     return *the;
 }
 
-WatcherCensus::WatcherCensus()
+WatcherCensus& WatcherCensus::of(const void* address)
 {
-    if (pthread_atfork([] { instance().lock_.lock(); }, [] { instance().lock_.unlock(); },
-                       [] { instance().startAfreshInChild(); }) != 0) {
-        throw std::bad_alloc();
-    }
+    // Neighbours on the heap differ in some middle bits; multiplied, these decide the topmost ones.
+    const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(address) * 0x9E3779B97F4A7C15U;
+    static_assert(kCensuses == 1U << 5U);
+    return all().censuses[spread >> (64U - 5U)];
 }
 
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)
@@ -33,23 +65,21 @@ void WatcherCensus::depart(VconfCallbackGenerator& watcher, std::string&& key) n
     std::unique_lock<std::mutex> guard(lock_);
     const auto found = present_.find(&watcher);
     Presence& presence = found->second;
-    presence.leaving = true;
-    changed_.wait(guard, [&] { return presence.dispatches == 0; });
+    presence.dispatches |= kLeaving;
+    changed_.wait(guard, [&] { return presence.dispatches == kLeaving; });
     if (presence.wasSubscribed) {
-        departed_[nextDeparted_] = {&watcher, std::move(key)};
-        nextDeparted_ = (nextDeparted_ + 1) % kRemembered;
+        auto* const place = std::find_if(departed_.begin(), departed_.end() - 1,
+                                         [&](const Departed& departed) { return departed.was(&watcher, key.c_str()); });
+        *place = {&watcher, std::move(key)};
+        std::rotate(departed_.begin(), place, place + 1);  // to the front
     }
     present_.erase(found);
 }
 
 bool WatcherCensus::hasDeparted(const void* address, const char* key) const
 {
-    for (const Departed& departed : departed_) {
-        if (departed.address == address && departed.key == key) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(departed_.begin(), departed_.end(),
+                       [=](const Departed& departed) { return departed.was(address, key); });
 }
 
 // In the child only the forking thread is left, and it is not subscribed to anything. The other threads' dispatches,
@@ -60,7 +90,7 @@ void WatcherCensus::startAfreshInChild()
     for (auto& [address, presence] : present_) {
         auto& watcher = *static_cast<VconfCallbackGenerator*>(address);
         const bool here = presence.listHolder.load(std::memory_order_relaxed) == std::this_thread::get_id();
-        presence.dispatches = here ? 1 : 0;
+        presence.dispatches = (presence.dispatches & kLeaving) + (here ? 1 : 0);
         presence.turnTaken = false;
         if (!here) {
             new (&watcher.listMutex) std::mutex;
@@ -68,7 +98,6 @@ void WatcherCensus::startAfreshInChild()
         watcher.forgetCallbacks();
         watcher.isExistVconfCallback = false;
     }
-    lock_.unlock();
 }
 
 // ---- visits and turns -----------------------------------------------------------------------------------------------
@@ -78,18 +107,18 @@ void WatcherCensus::startAfreshInChild()
 // delivered; whether it is that of a watcher that was there before does. What remains:
 // - a late event is delivered when its key is the present watcher's too, as a value of before the registration (in the
 //   registry such watchers have one type; who makes watchers of one key in two types must not reuse the address);
-// - a late event is delivered when 1,024 watchers have been destroyed since its own, or when it did not bear its key;
+// - a late event is delivered when 32 watchers of the same census, at other addresses or of other keys, have been
+//   destroyed since its own, or when it did not bear its key;
 // - an event that is on time but bears the key of a watcher that was at that address before is dropped.
-WatcherCensus::Visit::Visit(void* address, const char* key)
+WatcherCensus::Visit::Visit(void* address, const char* key) : census_(of(address))
 {
-    WatcherCensus& census = instance();
-    const std::lock_guard<std::mutex> guard(census.lock_);
-    const auto found = census.present_.find(address);
-    if (found == census.present_.end() || found->second.leaving) {
+    const std::lock_guard<std::mutex> guard(census_.lock_);
+    const auto found = census_.present_.find(address);
+    if (found == census_.present_.end() || found->second.dispatches >= kLeaving) {
         return;
     }
     auto* present = static_cast<VconfCallbackGenerator*>(address);
-    if (present->vconfPath != key && census.hasDeparted(address, key)) {
+    if (present->vconfPath != key && census_.hasDeparted(address, key)) {
         return;
     }
     watcher_ = present;
@@ -113,28 +142,25 @@ WatcherCensus::Visit::~Visit()
         presence_->listHolder.store({}, std::memory_order_relaxed);
         watcher_->listMutex.unlock();
     }
-    WatcherCensus& census = instance();
-    const std::lock_guard<std::mutex> guard(census.lock_);
-    --presence_->dispatches;
-    if (presence_->leaving) {
-        census.changed_.notify_all();
+    if (--presence_->dispatches == kLeaving) {
+        // The watcher's thread waits already, or has not looked yet while it holds the lock.
+        const std::lock_guard<std::mutex> guard(census_.lock_);
+        census_.changed_.notify_all();
     }
 }
 
 // cppcheck-suppress constParameter ; the census keeps addresses of what it may change
-WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher)
+WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher) : census_(of(&watcher))
 {
-    WatcherCensus& census = instance();
-    std::unique_lock<std::mutex> guard(census.lock_);
-    presence_ = &census.present_.find(&watcher)->second;
-    census.changed_.wait(guard, [this] { return !presence_->turnTaken; });
+    std::unique_lock<std::mutex> guard(census_.lock_);
+    presence_ = &census_.present_.find(&watcher)->second;
+    census_.changed_.wait(guard, [this] { return !presence_->turnTaken; });
     presence_->turnTaken = true;
 }
 
 WatcherCensus::Turn::~Turn()
 {
-    WatcherCensus& census = instance();
-    const std::lock_guard<std::mutex> guard(census.lock_);
+    const std::lock_guard<std::mutex> guard(census_.lock_);
     presence_->turnTaken = false;
-    census.changed_.notify_all();
+    census_.changed_.notify_all();
 }

@@ -20,11 +20,12 @@ class VconfCallbackGenerator;
 //               inside the watcher, and a wish to release it.
 //   listMutex   One for each watcher. Protects its list of callbacks, and is held by a dispatch while they run.
 //   turn        One for each watcher, kept by the census. Lets one thread at a time subscribe the watcher.
-//   census      One. Protects the census: the watchers that are alive, the dispatches that are inside each, the turns,
-//               and the watchers that are gone. A change of a list of callbacks holds it too, so that fork() finds
-//               every list whole.
+//   census      One for each census; a watcher's address tells which of them counts it, so that dispatches of several
+//               watchers do not wait for each other. Protects the watchers that are alive, the turns, and the watchers
+//               that are gone. A change of a list of callbacks holds it too, so that fork() finds every list whole.
 //
-// Order: key lock, then census; turn, then census; listMutex, then census. Nothing is called with the census lock held.
+// Order: key lock, then census; turn, then census; listMutex, then census; of several census locks, which fork() alone
+// takes, in the order of the array. Nothing is called with a census lock held.
 // The locks of the platform come last: a key lock, a turn and a listMutex are held while the log is written to, and a
 // turn or a listMutex while vconf is told of a subscription or its end. Around fork() they are taken in the same order.
 // No thread waits for a listMutex or a turn while it holds a key lock: the registry only counts who is inside the
@@ -37,17 +38,19 @@ class VconfCallbackGenerator;
 // The flag isExistVconfCallback rises under the turn and falls under listMutex, when the list is empty. A registration
 // looks at it again once it has listMutex, so no callback enters the list of a watcher that is not subscribed.
 
-class WatcherCensus {
+class alignas(64) WatcherCensus {  // a cache line is not shared by two
     struct Presence {
-        int dispatches = 0;
-        bool leaving = false;
+        // The dispatches inside, plus kLeaving once the watcher is. It goes up under the census lock and down without:
+        // who takes the last dispatch from a leaving watcher must not touch the presence again.
+        std::atomic<unsigned> dispatches{0};
         bool turnTaken = false;
-        bool wasSubscribed = false;  // changed in a turn, which ends before the watcher departs
+        bool wasSubscribed = false;                 // changed in a turn, which ends before the watcher departs
         std::atomic<std::thread::id> listHolder{};  // the dispatching thread that has listMutex, and changes this
     };
 
 public:
-    static WatcherCensus& instance();
+    /// The census that counts the watchers at that address.
+    static WatcherCensus& of(const void* address);
 
     void arrive(VconfCallbackGenerator& watcher);
     /// Waits for the dispatches inside; from then on none gets in. `key` is kept to recognise late events.
@@ -69,6 +72,7 @@ public:
         void lockList();
 
     private:
+        WatcherCensus& census_;
         VconfCallbackGenerator* watcher_ = nullptr;
         Presence* presence_ = nullptr;
         bool listLocked_ = false;
@@ -85,6 +89,7 @@ public:
         Turn& operator=(const Turn&) = delete;
 
     private:
+        WatcherCensus& census_;
         Presence* presence_ = nullptr;
     };
 
@@ -95,19 +100,26 @@ private:
     struct Departed {
         const void* address = nullptr;
         std::string key;
-    };
-    // Late events of so many destroyed watchers are recognised.
-    static constexpr std::size_t kRemembered = 1024;
 
-    WatcherCensus();
+        bool was(const void* otherAddress, const char* otherKey) const
+        {
+            return address == otherAddress && key == otherKey;
+        }
+    };
+    static constexpr unsigned kLeaving = 1U << 31U;
+    // Late events of so many destroyed watchers are recognised; those of one address and key count once.
+    static constexpr std::size_t kRemembered = 32;
+    static constexpr std::size_t kCensuses = 32;
+
+    struct All;
+    static All& all();
     bool hasDeparted(const void* address, const char* key) const;
     void startAfreshInChild();
 
     std::mutex lock_;
     std::condition_variable changed_;
     std::unordered_map<void*, Presence> present_;
-    std::array<Departed, kRemembered> departed_;
-    std::size_t nextDeparted_ = 0;
+    std::array<Departed, kRemembered> departed_;  // the latest first
 };
 
 #endif
