@@ -58,7 +58,7 @@ int listAsJson()
     rapidjson::PrettyWriter<Buffer> writer(buffer);
     writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
     writer.StartArray();
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : allSettings()) {
         writer.StartObject();
         writer.Key("name");
         writer.String(setting.name);
@@ -125,7 +125,7 @@ int list(bool withKey, bool json)
     }
     using Row = std::array<std::string, 5>;  // name, type, access, key, value
     std::vector<Row> rows = {{"NAME", "TYPE", "ACCESS", "KEY", "VALUE"}};
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : allSettings()) {
         const std::optional<Value> value = read(setting);
         rows.push_back({setting.name, setting.type(), joined(accessOf(setting)), setting.key,
                         value ? escaped(toText(*value)) : styled(Style::Dim, "-")});
@@ -197,7 +197,7 @@ int injectValue(const std::string& name, const std::string& value)
 int dump()
 {
     std::vector<std::pair<const Setting*, Value>> readable;
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : allSettings()) {
         if (std::optional<Value> value = read(setting)) {
             readable.emplace_back(&setting, *std::move(value));
         }

@@ -1,6 +1,7 @@
 #include "settings.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <vector>
 
@@ -25,66 +26,72 @@ bool getAppListText(std::string& value) { return getString(key::ZOLConcurrentApp
 
 }  // namespace
 
-constexpr std::array<Setting, kSettingCount> kSettings = {{
-    {"AovModeSetter", key::AovModeSetter, String{Data::GetAovModeSetter, Data::SetAovModeSetter}},
-    {"OSDLanguage", key::OSDLanguage, String{Data::GetOSDLanguage, Data::SetOSDLanguage}},
-    {"AssistantFarField", key::AssistantFarField, String{Data::GetAssistantFarField, Data::SetAssistantFarField}},
-    {"ZOLSituationalHintSupported", key::ZOLSituationalHintSupported,
-     String{Data::GetZOLSituationalHintSupported, Data::SetZOLSituationalHintSupported,
-            Notify::RegisterZOLSituationalHintSupportedCallback,
-            Notify::UnregisterZOLSituationalHintSupportedCallback}},
-    {"ZOLLanguage", key::ZOLLanguage,
-     String{Data::GetZOLLanguage, Data::SetZOLLanguage, Notify::RegisterZOLLanguageCallback,
-            Notify::UnregisterZOLLanguageCallback}},
-    {"ZOLDefaultAssistantAppid", key::ZOLDefaultAssistantAppid,
-     String{Data::GetZOLDefaultAssistantAppid, Data::SetZOLDefaultAssistantAppid,
-            Notify::RegisterZOLDefaultAssistantAppidCallback, Notify::UnregisterZOLDefaultAssistantAppidCallback}},
+const std::vector<Setting>& allSettings()
+{
+    static const std::vector<Setting> settings = {
+        {"AovModeSetter", key::AovModeSetter, String{Data::GetAovModeSetter, Data::SetAovModeSetter}},
+        {"OSDLanguage", key::OSDLanguage, String{Data::GetOSDLanguage, Data::SetOSDLanguage}},
+        {"AssistantFarField", key::AssistantFarField, String{Data::GetAssistantFarField, Data::SetAssistantFarField}},
+        {"ZOLSituationalHintSupported", key::ZOLSituationalHintSupported,
+         String{Data::GetZOLSituationalHintSupported, Data::SetZOLSituationalHintSupported,
+                Notify::RegisterZOLSituationalHintSupportedCallback,
+                Notify::UnregisterZOLSituationalHintSupportedCallback}},
+        {"ZOLLanguage", key::ZOLLanguage,
+         String{Data::GetZOLLanguage, Data::SetZOLLanguage, Notify::RegisterZOLLanguageCallback,
+                Notify::UnregisterZOLLanguageCallback}},
+        {"ZOLDefaultAssistantAppid", key::ZOLDefaultAssistantAppid,
+         String{Data::GetZOLDefaultAssistantAppid, Data::SetZOLDefaultAssistantAppid,
+                Notify::RegisterZOLDefaultAssistantAppidCallback, Notify::UnregisterZOLDefaultAssistantAppidCallback}},
 
-    {"WebAppUninstall", key::WebAppUninstall,
-     String{Data::GetWebAppUninstall, nullptr, Notify::RegisterWebAppUninstallCallback,
-            Notify::UnregisterWebAppUninstallCallback}},
-    {"WebAppInstall", key::WebAppInstall,
-     String{Data::GetWebAppInstall, nullptr, Notify::RegisterWebAppInstallCallback,
-            Notify::UnregisterWebAppInstallCallback}},
-    {"MultiViewMode", key::MultiViewMode, String{Data::GetMultiViewMode}},
-    {"ModelId", key::ModelId, String{Data::GetModelId}},
-    {"TVName", key::TVName, String{Data::GetTVName}},
-    {"OSDCountry", key::OSDCountry,
-     String{Data::GetOSDCountry, nullptr, Notify::RegisterOSDCountryCallback, Notify::UnregisterOSDCountryCallback}},
+        {"WebAppUninstall", key::WebAppUninstall,
+         String{Data::GetWebAppUninstall, nullptr, Notify::RegisterWebAppUninstallCallback,
+                Notify::UnregisterWebAppUninstallCallback}},
+        {"WebAppInstall", key::WebAppInstall,
+         String{Data::GetWebAppInstall, nullptr, Notify::RegisterWebAppInstallCallback,
+                Notify::UnregisterWebAppInstallCallback}},
+        {"MultiViewMode", key::MultiViewMode, String{Data::GetMultiViewMode}},
+        {"ModelId", key::ModelId, String{Data::GetModelId}},
+        {"TVName", key::TVName, String{Data::GetTVName}},
+        {"OSDCountry", key::OSDCountry,
+         String{Data::GetOSDCountry, nullptr, Notify::RegisterOSDCountryCallback,
+                Notify::UnregisterOSDCountryCallback}},
 
-    {"BackgroundVolume", key::BackgroundVolume,
-     Int{Data::GetBackgroundVolume, nullptr, Notify::RegisterBackgroundVolumeCallback,
-         Notify::UnregisterBackgroundVolumeCallback}},
+        {"BackgroundVolume", key::BackgroundVolume,
+         Int{Data::GetBackgroundVolume, nullptr, Notify::RegisterBackgroundVolumeCallback,
+             Notify::UnregisterBackgroundVolumeCallback}},
 
-    {"ZOLActivated", key::ZOLActivated,
-     Bool{Data::GetZOLActivated, Data::SetZOLActivated, Notify::RegisterZOLActivatedCallback,
-          Notify::UnregisterZOLActivatedCallback}},
-    {"ZOLMultipleMode", key::ZOLMultipleMode,
-     Bool{Data::GetZOLMultipleMode, Data::SetZOLMultipleMode, Notify::RegisterZOLMultipleModeCallback,
-          Notify::UnregisterZOLMultipleModeCallback}},
+        {"ZOLActivated", key::ZOLActivated,
+         Bool{Data::GetZOLActivated, Data::SetZOLActivated, Notify::RegisterZOLActivatedCallback,
+              Notify::UnregisterZOLActivatedCallback}},
+        {"ZOLMultipleMode", key::ZOLMultipleMode,
+         Bool{Data::GetZOLMultipleMode, Data::SetZOLMultipleMode, Notify::RegisterZOLMultipleModeCallback,
+              Notify::UnregisterZOLMultipleModeCallback}},
 
-    {"PowerOffStatus", key::PowerOffStatus, Bool{Data::GetPowerOffStatus}},
-    {"MultiOutputAudio", key::MultiOutputAudio, Bool{Data::GetMultiOutputAudio}},
-    {"AccessibilityVoiceGuide", key::AccessibilityVoiceGuide, Bool{Data::GetAccessibilityVoiceGuide}},
-    {"AccessibilityAudioDescription", key::AccessibilityAudioDescription, Bool{Data::GetAccessibilityAudioDescription}},
-    {"AccessibilityHighContrast", key::AccessibilityHighContrast, Bool{Data::GetAccessibilityHighContrast}},
-    {"AccessibilityGrayScale", key::AccessibilityGrayScale, Bool{Data::GetAccessibilityGrayScale}},
-    {"AccessibilityEnlarge", key::AccessibilityEnlarge, Bool{Data::GetAccessibilityEnlarge}},
-    {"AccessibilityColorInversion", key::AccessibilityColorInversion, Bool{Data::GetAccessibilityColorInversion}},
-    {"ArtAppStatus", key::ArtAppStatus, Bool{Data::GetArtAppStatus}},
-    {"AmbientMode", key::AmbientMode, Bool{Data::GetAmbientMode}},
+        {"PowerOffStatus", key::PowerOffStatus, Bool{Data::GetPowerOffStatus}},
+        {"MultiOutputAudio", key::MultiOutputAudio, Bool{Data::GetMultiOutputAudio}},
+        {"AccessibilityVoiceGuide", key::AccessibilityVoiceGuide, Bool{Data::GetAccessibilityVoiceGuide}},
+        {"AccessibilityAudioDescription", key::AccessibilityAudioDescription,
+         Bool{Data::GetAccessibilityAudioDescription}},
+        {"AccessibilityHighContrast", key::AccessibilityHighContrast, Bool{Data::GetAccessibilityHighContrast}},
+        {"AccessibilityGrayScale", key::AccessibilityGrayScale, Bool{Data::GetAccessibilityGrayScale}},
+        {"AccessibilityEnlarge", key::AccessibilityEnlarge, Bool{Data::GetAccessibilityEnlarge}},
+        {"AccessibilityColorInversion", key::AccessibilityColorInversion, Bool{Data::GetAccessibilityColorInversion}},
+        {"ArtAppStatus", key::ArtAppStatus, Bool{Data::GetArtAppStatus}},
+        {"AmbientMode", key::AmbientMode, Bool{Data::GetAmbientMode}},
 
-    {"ZOLConcurrentAppList", key::ZOLConcurrentAppList,
-     String{getAppListText, nullptr, Notify::RegisterZOLConcurrentAppListCallback,
-            Notify::UnregisterZOLConcurrentAppListCallback}},
+        {"ZOLConcurrentAppList", key::ZOLConcurrentAppList,
+         String{getAppListText, nullptr, Notify::RegisterZOLConcurrentAppListCallback,
+                Notify::UnregisterZOLConcurrentAppListCallback}},
 
-    {"DravixResetCount", key::DravixResetCount,
-     Int{nullptr, nullptr, Notify::RegisterDravixResetCountCallback, Notify::UnregisterDravixResetCountCallback}},
-    {"ServiceResetCount", key::ServiceResetCount,
-     Int{nullptr, nullptr, Notify::RegisterServiceResetCountCallback, Notify::UnregisterServiceResetCountCallback}},
-    {"FactoryResetCount", key::FactoryResetCount,
-     Int{nullptr, nullptr, Notify::RegisterFactoryResetCountCallback, Notify::UnregisterFactoryResetCountCallback}},
-}};
+        {"DravixResetCount", key::DravixResetCount,
+         Int{nullptr, nullptr, Notify::RegisterDravixResetCountCallback, Notify::UnregisterDravixResetCountCallback}},
+        {"ServiceResetCount", key::ServiceResetCount,
+         Int{nullptr, nullptr, Notify::RegisterServiceResetCountCallback, Notify::UnregisterServiceResetCountCallback}},
+        {"FactoryResetCount", key::FactoryResetCount,
+         Int{nullptr, nullptr, Notify::RegisterFactoryResetCountCallback, Notify::UnregisterFactoryResetCountCallback}},
+    };
+    return settings;
+}
 
 const char* Setting::type() const
 {
@@ -139,7 +146,7 @@ const Setting& findSetting(const std::string& name)
 {
     const Setting* nearest = nullptr;
     std::size_t least = name.size() / 3 + 2;  // further away than that, it was no slip of the finger
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : allSettings()) {
         const std::size_t distance = editDistance(name, setting.name);
         if (name == setting.name) {
             return setting;
@@ -157,7 +164,7 @@ const Setting& findSetting(const std::string& name)
 std::string watchableNames()
 {
     std::string names;
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : allSettings()) {
         if (setting.watchable()) {
             names += (names.empty() ? "" : ", ") + std::string(setting.name);
         }

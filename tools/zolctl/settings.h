@@ -2,10 +2,10 @@
 #ifndef ZOLCTL_SETTINGS_H
 #define ZOLCTL_SETTINGS_H
 
-#include <array>
 #include <string>
 #include <type_traits>
 #include <variant>
+#include <vector>
 
 namespace zolctl {
 
@@ -34,8 +34,8 @@ struct Setting {
     bool watchable() const;
 };
 
-constexpr std::size_t kSettingCount = 29;
-extern const std::array<Setting, kSettingCount> kSettings;
+/// All of them, in the order in which `zolctl list` shows them.
+const std::vector<Setting>& allSettings();
 
 /// @throws UsageError for an unknown name, with the nearest one.
 const Setting& findSetting(const std::string& name);

@@ -362,7 +362,7 @@ std::vector<const Setting*> settingsToWatch(const std::vector<std::string>& name
         }
     }
     if (names.empty()) {
-        for (const Setting& setting : kSettings) {
+        for (const Setting& setting : allSettings()) {
             if (setting.watchable()) {
                 settings.push_back(&setting);
             }
