@@ -203,9 +203,9 @@ using Value = Document::ValueType;
 // Builds a document from the parser's events and stops the parser where the text is nested too deep. A number just
 // above the largest double arrives as infinity, which JSON has no form for, so the largest is taken: otherwise the list
 // would be written up to that number only.
-class DepthGuard {
+class DocumentBuilder {
 public:
-    explicit DepthGuard(Document& document) : document_(document) {}
+    explicit DocumentBuilder(Document& document) : document_(document) {}
 
     bool Null() { return document_.Null(); }
     bool Bool(bool value) { return document_.Bool(value); }
@@ -243,7 +243,7 @@ bool parse(const std::string& text, Document& document)
     rapidjson::GenericReader<Utf8, Utf8, ThrowingAllocator> reader;
     auto events = [&](Document& target) {
         rapidjson::StringStream stream(text.c_str());
-        DepthGuard guard(target);
+        DocumentBuilder guard(target);
         return !reader.Parse(stream, guard).IsError();
     };
     document.Populate(events);

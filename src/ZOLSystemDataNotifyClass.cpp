@@ -49,9 +49,9 @@ Topic topics[] = {
 };
 
 // The row of a key, which is named by the very constant that stands in the table.
-Topic& topicOf(const char* key)
+Topic& topicOf(const char* path)
 {
-    return *std::find_if(std::begin(topics), std::end(topics), [key](const Topic& topic) { return topic.key == key; });
+    return *std::find_if(std::begin(topics), std::end(topics), [=](const Topic& topic) { return topic.key == path; });
 }
 
 void lockAll()
@@ -90,6 +90,17 @@ struct ForkHandlers {
 
 void installForkHandlers() { static const ForkHandlers installed; }
 
+// When the library is loaded, before any thread can fork beside another one's first operation. Without memory the first
+// registration tries again.
+[[gnu::constructor]] void installForkHandlersEarly() noexcept
+{
+    try {
+        installForkHandlers();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
 // Releases a watcher that stopped watching, on behalf of an unregister operation. The last operation to leave the
 // watcher does it; the key lock is held.
 void releaseIfWanted(Topic& topic)
@@ -105,6 +116,22 @@ void releaseIfWanted(Topic& topic)
     topic.releaseFor = nullptr;
 }
 
+// Leaves the watcher at the end of an operation, also when the thread is cancelled.
+struct Leaving {
+    Topic& topic;
+    const char* releaseFor;  // null when it does not ask for a release
+
+    ~Leaving()
+    {
+        const std::lock_guard<std::mutex> guard(topic.lock);
+        --topic.inside;
+        if (releaseFor != nullptr) {
+            topic.releaseFor = releaseFor;
+        }
+        releaseIfWanted(topic);
+    }
+};
+
 template <class Callback>
 void* untyped(Callback callback)
 {
@@ -113,10 +140,10 @@ void* untyped(Callback callback)
 }
 
 template <class Callback>
-int add(const char* key, const char* operation, Callback callback, void* userData)
+int add(const char* path, const char* operation, Callback callback, void* userData)
 {
     installForkHandlers();
-    Topic& topic = topicOf(key);
+    Topic& topic = topicOf(path);
     VconfCallbackGenerator* watcher = nullptr;
     {
         const std::lock_guard<std::mutex> guard(topic.lock);
@@ -127,31 +154,22 @@ int add(const char* key, const char* operation, Callback callback, void* userDat
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const int result = watcher->RegisterCallback(untyped(callback), userData);
-
-    const std::lock_guard<std::mutex> guard(topic.lock);
-    --topic.inside;
-    releaseIfWanted(topic);
-    return result;
+    const Leaving leaving{topic, nullptr};
+    return watcher->RegisterCallback(untyped(callback), userData);
 }
 
 template <class Callback>
-int remove(const char* key, const char* operation, Callback callback)
+int remove(const char* path, const char* operation, Callback callback)
 {
-    Topic& topic = topicOf(key);
+    Topic& topic = topicOf(path);
     VconfCallbackGenerator* watcher = nullptr;
     {
         const std::lock_guard<std::mutex> guard(topic.lock);
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const int result = __unRegisterVconfCallback(watcher, untyped(callback), topic.lock);
-
-    const std::lock_guard<std::mutex> guard(topic.lock);
-    --topic.inside;
-    topic.releaseFor = operation;
-    releaseIfWanted(topic);
-    return result;
+    const Leaving leaving{topic, operation};
+    return __unRegisterVconfCallback(watcher, untyped(callback), topic.lock);
 }
 
 }  // namespace

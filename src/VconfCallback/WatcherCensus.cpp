@@ -94,6 +94,7 @@ void WatcherCensus::startAfreshInChild()
         presence.turnTaken = false;
         if (!here) {
             new (&watcher.listMutex) std::mutex;
+            presence.listHolder.store({}, std::memory_order_relaxed);  // a thread of the child may get that id again
         }
         watcher.forgetCallbacks();
         watcher.isExistVconfCallback = false;
