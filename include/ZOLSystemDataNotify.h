@@ -44,7 +44,7 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 ///
 /// Threads: every operation may be called from any thread. A process that calls fork() keeps its registrations; the
 /// child starts without any. Errors are reported by results and in the log under the tag "libZOL"; nothing is thrown
-/// but std::bad_alloc when a topic's first registration finds no memory.
+/// but std::bad_alloc when a topic's registration needs a new watcher and finds no memory.
 ///
 /// @code
 /// void onActivated(bool activated, void* userData) { static_cast<Assistant*>(userData)->show(activated); }

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,12 +21,14 @@ namespace {
 
 // Where the lines go. Opened by the first line and never closed, so that threads may still log while the process ends.
 //
-// Locks: `lineLock` keeps the lines of one process apart, and the record lock on the file those of several processes.
-// A regular file opened for appending needs neither; a pipe does, because it takes long lines in pieces.
+// Locks: `lineLock` lets one thread open the target, and keeps the lines of one process apart; the record lock on the
+// file keeps apart those of several processes. A regular file opened for appending needs no lock for its lines; a pipe
+// does, because it takes long lines in pieces.
 struct Target {
     int fd = -1;
     bool needsLock = false;
 };
+std::atomic<const Target*> opened{nullptr};
 pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
 
 // A child forked while another thread writes would find the lock taken for ever. This is set up while the library is
@@ -36,16 +39,17 @@ pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
                    [] { pthread_mutex_unlock(&lineLock); });
 }
 
-Target* openTarget()
+const Target* openTarget()
 {
     static Target target;
-    const char* where = std::getenv("ZOL_DLOG");
+    const char* where = secure_getenv("ZOL_DLOG");
     if (where == nullptr || *where == '\0' || std::strcmp(where, "stderr") == 0) {
         target.fd = STDERR_FILENO;
     } else if (std::strcmp(where, "off") == 0) {
         return &target;
     } else {
-        target.fd = open(where, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        // Not waiting for somebody to read from a pipe.
+        target.fd = open(where, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
         if (target.fd < 0) {
             dprintf(STDERR_FILENO, "ZOL_DLOG: cannot append to %s (%s); the log goes to standard error\n", where,
                     std::strerror(errno));
@@ -55,6 +59,21 @@ Target* openTarget()
     struct stat status {};
     target.needsLock = target.fd == STDERR_FILENO || fstat(target.fd, &status) != 0 || !S_ISREG(status.st_mode);
     return &target;
+}
+
+const Target& theTarget()
+{
+    const Target* target = opened.load(std::memory_order_acquire);
+    if (target == nullptr) {
+        pthread_mutex_lock(&lineLock);
+        target = opened.load(std::memory_order_relaxed);
+        if (target == nullptr) {
+            target = openTarget();
+            opened.store(target, std::memory_order_release);
+        }
+        pthread_mutex_unlock(&lineLock);
+    }
+    return *target;
 }
 
 bool writeAll(int fd, const char* data, size_t size)
@@ -75,7 +94,7 @@ bool writeAll(int fd, const char* data, size_t size)
     return true;
 }
 
-bool writeLine(Target& target, const std::string& line)
+bool writeLine(const Target& target, const std::string& line)
 {
     if (!target.needsLock) {
         return writeAll(target.fd, line.data(), line.size());
@@ -129,21 +148,10 @@ std::string formatMessage(const char* format, va_list arguments)
     return message;
 }
 
-}  // namespace
-
-int dlog_print(log_priority priority, const char* tag, const char* format, ...)
+int print(const Target& target, log_priority priority, const char* tag, const char* format, va_list arguments)
 {
-    static Target* const target = openTarget();
-    if (target->fd < 0) {
-        return 0;
-    }
-    const int savedErrno = errno;
-    int result = -1;
     try {
-        va_list arguments;
-        va_start(arguments, format);
         std::string message = formatMessage(format, arguments);
-        va_end(arguments);
         if (!message.empty() && message.back() == '\n') {
             message.pop_back();
         }
@@ -155,10 +163,28 @@ int dlog_print(log_priority priority, const char* tag, const char* format, ...)
         line += " (" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + ") ";
         appendSafe(line, message.c_str());
         line += '\n';
-        result = writeLine(*target, line) ? static_cast<int>(line.size()) : -1;
+        return writeLine(target, line) ? static_cast<int>(line.size()) : -1;
     } catch (const std::bad_alloc&) {
-        result = -1;  // there is no memory for the line, and the caller's work matters more
+        return -1;  // there is no memory for the line, and the caller's work matters more
     }
+}
+
+}  // namespace
+
+int dlog_print(log_priority priority, const char* tag, const char* format, ...)
+{
+    const int savedErrno = errno;
+    int cancellation = 0;  // a thread that is cancelled in the middle of a line would leave it locked
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
+    const Target& target = theTarget();
+    int result = 0;
+    if (target.fd >= 0) {
+        va_list arguments;
+        va_start(arguments, format);
+        result = print(target, priority, tag, format, arguments);
+        va_end(arguments);
+    }
+    pthread_setcancelstate(cancellation, nullptr);
     errno = savedErrno;
     return result;
 }

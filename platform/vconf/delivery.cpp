@@ -110,7 +110,7 @@ void Delivery::watch(const Store& store) const
 {
     // The closing tells of a write whose writer was killed between its commit and its signal.
     if (inotify_add_watch(signals_, store.signalPath().c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0) {
-        throw Error("cannot watch " + store.signalPath() + ": " + std::strerror(errno));
+        throw Error("cannot watch " + store.folder() + "/signal" + ": " + std::strerror(errno));
     }
 }
 

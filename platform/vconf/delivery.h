@@ -24,7 +24,7 @@ namespace vconf {
 class Delivery {
 public:
     /// Starts the thread if it does not run yet.
-    /// @throws std::exception when the subscription cannot be made; then nothing has changed.
+    /// @throws std::exception when the subscription cannot be made; then there is none.
     void subscribe(Store& store, Lifetime lifetime, std::string_view key, vconf_callback_fn handler, void* userData);
 
     /// @return false when there is no such subscription.

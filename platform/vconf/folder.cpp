@@ -26,7 +26,7 @@ constexpr const char* kFiles[] = {"data.mdb", "lock.mdb", "signal"};
 
 std::string environment(const char* name)
 {
-    const char* value = std::getenv(name);
+    const char* value = secure_getenv(name);
     return value == nullptr ? "" : value;
 }
 
@@ -78,7 +78,9 @@ void refusePlantedLinks(const fs::path& folder)
             continue;
         }
         struct stat parent {};
-        if (stat(walked.c_str(), &parent) != 0 || othersMayWrite(parent) || ++links > kMostLinks) {
+        const bool known = stat(walked.c_str(), &parent) == 0;
+        const bool foreign = known && parent.st_uid != 0 && parent.st_uid != geteuid();
+        if (!known || foreign || othersMayWrite(parent) || ++links > kMostLinks) {
             throw std::runtime_error("refused folder " + folder.string() + ": " + next.string() +
                                      " is a link in a folder that others may write to; use the folder itself");
         }
@@ -87,11 +89,9 @@ void refusePlantedLinks(const fs::path& folder)
     }
 }
 
-void check(const fs::path& folder)
+void check(const fs::path& folder, const struct stat& status)
 {
-    refusePlantedLinks(folder);
-    struct stat status {};
-    if (stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    if (!S_ISDIR(status.st_mode)) {
         throw std::runtime_error("cannot use folder " + folder.string() + ": it is not a folder");
     }
     if (status.st_uid != geteuid()) {
@@ -105,33 +105,31 @@ void check(const fs::path& folder)
 }
 
 // Whoever can look into the innermost folder can watch when the files in it are written to.
-void checkPrivate(const fs::path& folder)
+void checkPrivate(const fs::path& folder, const struct stat& status)
 {
-    if ((fs::status(folder).permissions() & (fs::perms::group_all | fs::perms::others_all)) != fs::perms::none) {
+    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         throw std::runtime_error("refused folder " + folder.string() +
                                  ": others may look into it; run chmod 700 on it");
     }
 }
 
-// A process has its record locks on a file taken away when it closes any descriptor of it, so this is only for files
-// that it does not use yet.
-void reserve(const fs::path& file, off_t size)
+int openChecked(const fs::path& folder)
 {
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
-        throw std::runtime_error("cannot open " + file.string() + ": " + std::strerror(error));
+        throw std::runtime_error("cannot use folder " + folder.string() + ": " + std::strerror(error));
     }
-    struct stat status {};
-    int error = 0;
-    if (fstat(fd, &status) == 0 && status.st_blocks * 512 < size && fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) != 0) {
-        error = errno;
+    try {
+        struct stat status {};
+        fstat(fd, &status);
+        check(folder, status);
+        checkPrivate(folder, status);
+    } catch (...) {
+        close(fd);
+        throw;
     }
-    close(fd);
-    if (error == ENOSPC || error == EDQUOT || error == EFBIG) {  // with any other, the file system just cannot do it
-        throw std::runtime_error("cannot make room for " + file.string() + ": " + std::strerror(error) +
-                                 "; free some space there");
-    }
+    return fd;
 }
 
 // The folder under a place that the environment or the system gives. That place must exist; only what a desktop may
@@ -185,49 +183,80 @@ void removeEarlierBoots(const fs::path& parent, const fs::path& current)
 
 }  // namespace
 
-std::string prepareFolder(Lifetime lifetime)
+Folder::Folder(Lifetime lifetime)
 {
     const fs::path parent = applicationFolder(lifetime);
     refusePlantedLinks(parent);
     create(parent);
-    check(parent);
+    struct stat status {};
+    if (stat(parent.c_str(), &status) != 0) {
+        throw std::runtime_error("cannot use folder " + parent.string() + ": " + std::strerror(errno));
+    }
+    check(parent, status);
 
     const fs::path folder = parent / (lifetime == Lifetime::Persistent ? "persistent" : thisBoot());
     create(folder);
-    check(folder);
-    checkPrivate(folder);
+    refusePlantedLinks(folder);
     if (lifetime == Lifetime::Volatile) {
         removeEarlierBoots(parent, folder);
     }
-    return folder.string();
+    path_ = folder.string();
+    fd_ = openChecked(folder);
 }
 
-void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
+Folder::~Folder() { close(fd_); }
+
+std::string Folder::handle() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+// A process has its record locks on a file taken away when it closes any descriptor of it, so this is only for files
+// that it does not use yet.
+void Folder::reserve(const char* file, off_t size) const
+{
+    const int fd = openat(fd_, file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        const int error = errno;
+        throw std::runtime_error("cannot open " + path_ + "/" + file + ": " + std::strerror(error));
+    }
+    struct stat status {};
+    int error = 0;
+    if (fstat(fd, &status) == 0 && status.st_blocks * 512 < size) {
+        do {
+            error = fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ? 0 : errno;
+        } while (error == EINTR);
+    }
+    close(fd);
+    if (error == ENOSPC || error == EDQUOT || error == EFBIG) {  // with any other, the file system just cannot do it
+        throw std::runtime_error("cannot make room for " + path_ + "/" + file + ": " + std::strerror(error) +
+                                 "; free some space there");
+    }
+}
+
+void Folder::prepareFiles(off_t dataSize, off_t lockSize) const
 {
     for (const char* name : kFiles) {
-        const fs::path file = fs::path(folder) / name;
+        const fs::path file = fs::path(handle()) / name;
         const fs::file_status status = fs::symlink_status(file);
         if (!fs::exists(status)) {
             continue;
         }
         if (!fs::is_regular_file(status)) {
-            throw std::runtime_error("cannot use " + file.string() +
+            throw std::runtime_error("cannot use " + path_ + "/" + name +
                                      ": it is not a regular file; remove the folder to start afresh");
         }
         if (faccessat(AT_FDCWD, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
             const int error = errno;
-            throw std::runtime_error("cannot use " + file.string() + ": " + std::strerror(error) +
+            throw std::runtime_error("cannot use " + path_ + "/" + name + ": " + std::strerror(error) +
                                      "; let this user read and write it");
         }
     }
     // The signal file comes last when a store is made, and every write comes after it.
-    const fs::path data = fs::path(folder) / "data.mdb";
-    if (fs::exists(fs::path(folder) / "signal") && (!fs::exists(data) || fs::file_size(data) == 0)) {
-        throw std::runtime_error("cannot use " + data.string() +
+    const fs::path data = fs::path(handle()) / "data.mdb";
+    if (fs::exists(fs::path(handle()) / "signal") && (!fs::exists(data) || fs::file_size(data) == 0)) {
+        throw std::runtime_error("cannot use " + path_ + "/data.mdb" +
                                  ": it has been removed or emptied; remove the folder to start afresh");
     }
-    reserve(fs::path(folder) / "lock.mdb", lockSize);
-    reserve(data, dataSize);
+    reserve("lock.mdb", lockSize);
+    reserve("data.mdb", dataSize);
 }
 
 }  // namespace vconf

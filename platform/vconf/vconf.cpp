@@ -22,8 +22,7 @@
 namespace vconf {
 namespace {
 
-// All that a process holds of the store. Made by the first call and never destroyed: threads may use the store until
-// the very end of the process.
+// All that a process holds of the store. Never destroyed: threads may use the store until the very end of the process.
 //
 // Locks, in the order in which they are taken: `openLock`, which lets one thread open a half, then the lock of
 // `delivery`. Reading and writing take neither once a half is open. LMDB's writer lock is taken last of all.
@@ -51,6 +50,18 @@ Process& process()
 {
     static auto* const the = new Process;
     return *the;
+}
+
+// When the library is loaded, before a thread can fork beside another one's first call, and before the library's users
+// set up their handlers: what is set up first is called last, and they call with their locks held. Without memory the
+// first call tries again.
+[[gnu::constructor]] void makeProcessEarly() noexcept
+{
+    try {
+        process();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
 }
 
 void Process::prepareFork()
@@ -131,10 +142,23 @@ const char* nameOf(int type)
     }
 }
 
+// A thread that is cancelled in the middle of a call would leave LMDB's locks taken.
+class CancellationOff {
+public:
+    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+    CancellationOff(const CancellationOff&) = delete;
+    CancellationOff& operator=(const CancellationOff&) = delete;
+
+private:
+    int before_ = 0;
+};
+
 // Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result.
 template <class Body, class Result>
 Result guarded(const char* function, Result failed, Body body)
 {
+    const CancellationOff whole;
     try {
         return body();
     } catch (const std::bad_alloc&) {
@@ -163,8 +187,11 @@ int getNumber(const char* function, const char* key, int type, int* value)
         checkedPointer(value, "the value's place", name);
         const ReadTransaction transaction(storeOf(lifetimeOf(name)));
         Record record;
-        if (!find(transaction, name, type, record) || record.data.size() != sizeof *value) {
+        if (!find(transaction, name, type, record)) {
             return -1;
+        }
+        if (record.data.size() != sizeof *value) {
+            throw Error("key " + std::string(name) + " is damaged; write it anew");
         }
         std::memcpy(value, record.data.data(), sizeof *value);
         return 0;
