@@ -67,7 +67,7 @@ for word in "Get|Is::read" "Set::write" "NotifyRegister:Callback:watch"; do
     IFS=: read -r before after access <<<"$word"
     same "list: what is exported for $access" "$(names "\$3 ~ /$access/" | sort)" "$(operations "$before" "$after")"
 done
-same "list: a new store has no values" "$(awk 'NR > 1 { print $4 }' "$work/list" | uniq -c | xargs)" "29 -"
+same "list: a new store has no values" "$(awk 'NR > 1 { print $4 }' "$work/list" | sort -u)" "-"
 
 # ---- reading and writing ----
 check "unset boolean" 1 "" "zolctl set ZOLActivated VALUE" get ZOLActivated
@@ -180,5 +180,88 @@ start_watch 99 >"$work/pipe"
 "$zolctl" inject WebAppInstall "$(printf 'x%.0s' {1..100000})" # more than a pipe holds
 until_true "the first of it" [ "$(timeout 30 head -c 20000 <&3 | wc -c)" = 20000 ]
 end_watch "watch whose reader stands still" TERM
+
+# ---- selftest ----
+# A library in front of the platform that breaks one promise.
+"${CXX:-c++}" -std=c++17 -shared -fPIC "-I$source_dir/platform/vconf/include" -x c++ - -o "$work/faults.so" <<'END' || fail "faults"
+#include <dlfcn.h>
+#include <unistd.h>
+#include <vconf.h>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+#define NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+// Never destroyed, since what is still subscribed is called until the very end.
+const std::string &fault = *new std::string(std::getenv("FAULT")), &text = *new std::string("memory/zolctl/selftest/text");
+struct Slot { std::string key; vconf_callback_fn handler; void* data; int calls, value; }* const slots = new Slot[16];
+std::atomic<int> used{0}, running{0};
+thread_local bool inside = false;
+template <int number> void relay(keynode_t* node, void*) {
+    Slot& slot = slots[number];
+    keynode_t changed = *node;
+    if (fault == "keyname") changed.keyname = "elsewhere";
+    if (fault == "order") std::swap(changed.value.i, slot.value);
+    if (fault == "lost" && ++slot.calls == 3 && slot.key == text) return;
+    ++running, inside = true;
+    slot.handler(&changed, slot.data);
+    --running, inside = false;
+}
+template <int... numbers> vconf_callback_fn relayOf(int number, std::integer_sequence<int, numbers...>) {
+    static const vconf_callback_fn relays[] = {relay<numbers>...};
+    return relays[number];
+}
+vconf_callback_fn relayOf(int number) { return relayOf(number, std::make_integer_sequence<int, 16>()); }
+int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* data) {
+    slots[used] = {key, handler, data, 0, 0};
+    return NEXT(vconf_notify_key_changed)(key, relayOf(used++), nullptr);
+}
+int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler) {
+    int number = 0;
+    while (number < used && (slots[number].key != key || slots[number].handler != handler)) ++number;
+    while (fault == "hangs") pause();
+    while (fault == "waits" && !inside && running > 0) usleep(1000);
+    if (fault == "ignored" || number == used) return fault == "agrees" || number < used ? 0 : -1;
+    return NEXT(vconf_ignore_key_changed)(key, relayOf(number));
+}
+int vconf_get_bool(const char* key, int* value) {
+    if (fault == "write") vconf_set_str(text.c_str(), "mine");
+    static const char* const stored = vconf_get_str(text.c_str());
+    if (fault == "show") std::puts(stored);
+    const int result = NEXT(vconf_get_bool)(key, value);
+    if (fault == "two" && result == 0) *value *= 2;
+    return fault == "reads" ? 0 : result;
+}
+END
+with_fault() {
+    FAULT=$1 LD_PRELOAD=$work/faults.so ASAN_OPTIONS=${ASAN_OPTIONS-}:verify_asan_link_order=0 exec "$zolctl" "${@:2}"
+}
+same "selftest" "$("$zolctl" selftest --timeout 60 | grep -cE '^FAIL|^These keys had no value|^([0-9]+) of \1 checks hold')" 2
+(with_fault write get ZOLActivated) >"$work/out"
+while IFS='|' read -r fault fails; do
+    out=$(with_fault "$fault" selftest --timeout 3 2>"$work/err")
+    same "selftest and $fault: exit code" $? 1
+    same "selftest and $fault" "$(grep -m 1 ^FAIL <<<"$out")" "FAIL $fails)"
+done <<'END'
+two|a boolean is read as it was written (vconf_get_bool: expected 1, came 2
+reads|no boolean is read where there is no value (vconf_get_bool: expected no value, came 0
+lost|a handler is called once for each change of a string, in order (calls of the handler: expected first, second, second, "Grüße" 100%s\x0a, came first, second, "Grüße" 100%s\x0a
+order|a handler is called once for each change of an integer, in order (calls of the handler: expected 7, -2147483648, -2147483648, 2147483647, came 0, 7, -2147483648, -2147483648
+keyname|a handler is called once for each change of a string, in order (calls of the handler: expected first, second, second, "Grüße" 100%s\x0a, came the keyname elsewhere, the keyname elsewhere, the keyname elsewhere, the keyname elsewhere
+ignored|no call comes for an ended subscription, and all for another of its key (calls of the handler: expected 1, came 1, 2
+agrees|what is not subscribed cannot be unsubscribed (vconf_ignore_key_changed for another handler: expected a failure, came 0
+waits|unsubscribing does not wait for a handler that is running (calls of the handler: expected 1 (not waited for), came 1 (waited for)
+hangs|a handler is called once for each change of a string, in order (a call into the platform: expected its end, came none in time
+END
+with_fault lost selftest --timeout 3 >"$work/out" 2>"$work/err" &
+watcher=$!
+until_true "selftest and TERM" grep -q "^ok   a write of another" "$work/out"
+kill -TERM "$watcher"
+wait "$watcher"
+same "selftest and TERM: exit code" $? 1
+watcher=
+same "selftest and TERM" "$(<"$work/err")" "zolctl: interrupted"
+same "the scratch keys hold what they held" "$(with_fault show get ZOLActivated | head -n 1)" mine
 
 [ "$failures" = 0 ] || { echo "$failures failures" && exit 1; }

@@ -14,6 +14,7 @@
 #include "commands.h"
 #include "error.h"
 #include "output.h"
+#include "selftest.h"
 #include "watch.h"
 
 using namespace zolctl;
@@ -66,6 +67,7 @@ private:
     void nameAndValue(CLI::App* of);
     void addConcurrent();
     void addWatch();
+    void addSelftest();
 
     CLI::App app_{"Reads, writes and watches the TV's system data."};
     std::function<int()> chosen_;
@@ -77,6 +79,7 @@ private:
     std::string path_;
     std::vector<std::string> apps_;
     WatchOptions watch_;
+    double timeout_ = 2;
 };
 
 constexpr char kName[] = "Name of the setting, as zolctl list shows it";
@@ -89,7 +92,8 @@ CommandLine::CommandLine()
     app_.require_subcommand(1);
     app_.fallthrough();
     app_.footer(
-        "Exit codes: 0 done; 1 something could not be read, written or shown, or watch timed out; 2 wrong usage.\n"
+        "Exit codes: 0 done; 1 something could not be read, written or shown, watch timed out, or a check failed; 2 "
+        "wrong usage.\n"
         "Colour is used on a terminal only, and not if NO_COLOR is set.\n"
         "Example: zolctl set OSDLanguage en_US && zolctl get OSDLanguage");
 
@@ -129,6 +133,7 @@ CommandLine::CommandLine()
 
     addConcurrent();
     addWatch();
+    addSelftest();
 }
 
 void CommandLine::nameAndValue(CLI::App* of)
@@ -179,6 +184,18 @@ void CommandLine::addWatch()
         ->type_name("SECONDS");
     watch->add_flag("--diff", watch_.diff, "Of the app list, print only which apps went on (+) and off (-)");
     jsonFlag(watch, "Print one JSON object a line");
+}
+
+void CommandLine::addSelftest()
+{
+    command(app_, "selftest", "Check that the platform does what the library relies on",
+            "Prints a line for each check, which begins with ok or FAIL, and ends with 0 if all hold. No setting is\n"
+            "touched: it writes keys under memory/zolctl/selftest/ and sets them back. Only one run at a time.\n"
+            "Example: zolctl selftest --timeout 10",
+            [this] { return selftest(timeout_); })
+        ->add_option("--timeout", timeout_, "Give each check that many seconds; 2 if not given")
+        ->check(CLI::Range(0.1, 3600.0))
+        ->type_name("SECONDS");
 }
 
 int CommandLine::run(int argc, char** argv)
