@@ -1,0 +1,19 @@
+#!/bin/bash
+# How to add a setting, as CONTRIBUTING.md tells: add_setting_test.sh SOURCE_DIR
+# What it says is done to a copy of the sources, which then builds, exports the operations, and has them in the tool.
+set -euo pipefail
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+cp -r "$1"/{CMakeLists.txt,include,src,platform,tools,tests,packaging} "$scratch"
+cd "$scratch"
+if ! { patch -p0 --fuzz 0 <"$1/docs/adding-a-setting.patch" &&
+    cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug && cmake --build build --parallel 2 --target zolctl system_data_test notify_test &&
+    build/bin/system_data_test && build/bin/notify_test --gtest_filter='*EveryTopic*'; } >log 2>&1; then
+    cat log
+    echo "FAILED: a setting cannot be added as docs/adding-a-setting.patch does it"
+    exit 1
+fi
+export ZOL_VCONF_DIR=$scratch/store
+build/bin/zolctl inject SoundbarConnected on
+[ "$(build/bin/zolctl get SoundbarConnected)" = on ] || { echo "FAILED: the tool does not know the setting" && exit 1; }
