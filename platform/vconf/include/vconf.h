@@ -39,8 +39,8 @@ struct keynode_t {
 /// Is called after a key has changed.
 /// @param node       The key with its value.
 /// @param user_data  What was given with the subscription.
-/// Runs on a thread of the store's choosing, with no lock of the store held. It must not throw. The stand-in's thread has
-/// all signals blocked; a handler that starts a program by fork() and exec() unblocks them for it.
+/// Runs on a thread of the store's choosing, with no lock of the store held. It must not throw. The stand-in's thread
+/// has all signals blocked; a handler that starts a program by fork() and exec() unblocks them for it.
 typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
 
 /// Reads a string key.
