@@ -73,7 +73,7 @@ void unlockAll()
 struct ForkHandlers {
     ForkHandlers()
     {
-        WatcherCensus::of(nullptr);
+        WatcherCensus::of(nullptr);  // whichever; the first use sets all of them up
         if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
             throw std::bad_alloc();
         }

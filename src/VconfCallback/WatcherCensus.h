@@ -27,7 +27,8 @@ class VconfCallbackGenerator;
 // Order: key lock, then census; turn, then census; listMutex, then census; of several census locks, which fork() alone
 // takes, in the order of the array. Nothing is called with a census lock held.
 // The locks of the platform come last: a key lock, a turn and a listMutex are held while the log is written to, and a
-// turn or a listMutex while vconf is told of a subscription or its end. Around fork() they are taken in the same order.
+// turn or a listMutex while vconf is told of a subscription or its end. Around fork() they are taken in the same order,
+// as what is set up first is called last: the platform's libraries are loaded, and set up theirs, before this one.
 // No thread waits for a listMutex or a turn while it holds a key lock: the registry only counts who is inside the
 // watcher. So a callback, which runs with a listMutex held, may take every key lock. What remains is that a
 // registration waits for the callbacks of its topic; ZOLSystemDataNotify.h says what follows for callbacks.
