@@ -7,10 +7,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 
 class VconfCallbackGenerator;
 
@@ -119,7 +119,7 @@ private:
 
     std::mutex lock_;
     std::condition_variable changed_;
-    std::unordered_map<void*, Presence> present_;
+    std::map<void*, Presence> present_;
     std::array<Departed, kRemembered> departed_;  // the latest first
 };
 
