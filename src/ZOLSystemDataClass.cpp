@@ -44,15 +44,13 @@ bool getString(const char* key, std::string& value)
     struct Free {
         void operator()(char* text) const { std::free(text); }
     };
-    std::string copy;
-    {
-        const std::unique_ptr<char, Free> text(vconf_get_str(key));
-        if (!text) {
-            dlog_print(ZOL_LINE("vconf_get_str is failed"));
-            return false;
-        }
-        copy = text.get();
+    std::unique_ptr<char, Free> text(vconf_get_str(key));
+    if (!text) {
+        dlog_print(ZOL_LINE("vconf_get_str is failed"));
+        return false;
     }
+    std::string copy(text.get());
+    text.reset();
     value = std::move(copy);
     dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
     return true;
@@ -306,9 +304,12 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
     Document list;
     Pool& allocator = list.GetAllocator();
 
-    std::string text;
-    getString(key::ZOLConcurrentAppList, text);
-    bool valid = parse(text, list);
+    bool valid = false;
+    {
+        std::string text;  // not kept beside the one that takes its place
+        getString(key::ZOLConcurrentAppList, text);
+        valid = parse(text, list);
+    }
     if (!valid) {
         dlog_print(ZOL_LINE("json parsing is failed"));
     } else if (!list.IsArray()) {
@@ -327,6 +328,7 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
         added.AddMember(kConcurrent, Value(mode.c_str(), allocator), allocator);
         list.PushBack(added, allocator);
     }
+    std::string text;
     writeText(list, text);
     setString(key::ZOLConcurrentAppList, std::move(text));
     return true;
