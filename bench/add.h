@@ -4,15 +4,57 @@
 
 #include <benchmark/benchmark.h>
 
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_ZERO_STATS
+#define CALLGRIND_DUMP_STATS_AT(label)
+#endif
+
+#include <array>
+#include <string>
+
+#include "ZOLVconfKeys.h"
+
+/// Repeats an operation. When callgrind runs the program, it writes down the instructions of just this, under the name
+/// and the number of repetitions.
+template <class Operation>
+void repeat(benchmark::State& state, const std::string& name, Operation operation)
+{
+    [[maybe_unused]] const std::string label = name + '/' + std::to_string(state.max_iterations);
+    CALLGRIND_ZERO_STATS;
+    for (auto _ : state) {
+        operation();
+    }
+    CALLGRIND_DUMP_STATS_AT(label.c_str());
+}
+
 /// Adds a benchmark that repeats an operation.
 template <class Operation>
 void add(const char* name, Operation operation)
 {
-    benchmark::RegisterBenchmark(name, [operation](benchmark::State& state) mutable {
-        for (auto _ : state) {
-            operation();
-        }
-    })->UseRealTime();
+    benchmark::RegisterBenchmark(name, [=](benchmark::State& state) { repeat(state, name, operation); })->UseRealTime();
+}
+
+/// The keys of addOnThreads; each thread has its own.
+constexpr std::array<const char*, 8> kThreadKeys = {
+    ZOLVconfKey::OSDLanguage, ZOLVconfKey::ZOLLanguage,   ZOLVconfKey::AssistantFarField, ZOLVconfKey::TVName,
+    ZOLVconfKey::OSDCountry,  ZOLVconfKey::AovModeSetter, ZOLVconfKey::MultiViewMode,     ZOLVconfKey::ModelId};
+
+/// Adds a benchmark on 1, 2, 4 and 8 threads, each of which repeats the operation that `make` makes of its key.
+template <class Make>
+void addOnThreads(const char* name, Make make)
+{
+    benchmark::RegisterBenchmark(name,
+                                 [=](benchmark::State& state) {
+                                     auto operation =
+                                         make(kThreadKeys.at(static_cast<std::size_t>(state.thread_index())));
+                                     for (auto _ : state) {
+                                         operation();
+                                     }
+                                 })
+        ->ThreadRange(1, kThreadKeys.size())
+        ->UseRealTime();
 }
 
 #endif

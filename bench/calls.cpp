@@ -2,22 +2,21 @@
 // that makes the same platform calls and the same copies.
 
 #include <dlog.h>
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 #include <vconf.h>
 
 #include <array>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "VconfCallbackGenerator.h"
 #include "ZOLSystemData.h"
+#include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
 #include "add.h"
+#include "applist.h"
 #include "nothing.h"
 
 namespace {
@@ -32,20 +31,30 @@ void log(const char* message, Arguments... arguments)
 
 // ---- one key --------------------------------------------------------------------------------------------------------
 
-void addAccesses()
-{
-    constexpr auto kTextLine = "%s: %s[%d]\t DLOG_ERROR \"key[%s] Value [%s]\"\n";
-    constexpr auto kNumberLine = "%s: %s[%d]\t DLOG_ERROR \"key[%s] Value [%d]\"\n";
-    platformText = kText;
+constexpr auto kTextLine = "%s: %s[%d]\t DLOG_ERROR \"key[%s] Value [%s]\"\n";
 
-    add("read a string/peer", [value = std::string()]() mutable {
-        char* text = vconf_get_str(ZOLVconfKey::OSDLanguage);
+auto bareRead(const char* key)
+{
+    return [key, value = std::string()]() mutable {
+        char* text = vconf_get_str(key);
         std::string copy(text);
         std::free(text);
         value = std::move(copy);
-        log(kTextLine, ZOLVconfKey::OSDLanguage, value.c_str());
-    });
+        log(kTextLine, key, value.c_str());
+    };
+}
+
+void addAccesses()
+{
+    constexpr auto kNumberLine = "%s: %s[%d]\t DLOG_ERROR \"key[%s] Value [%d]\"\n";
+    platformText = kText;
+
+    add("read a string/peer", bareRead(ZOLVconfKey::OSDLanguage));
     add("read a string/ours", [value = std::string()]() mutable { ZOLSystemData::GetOSDLanguage(value); });
+
+    addOnThreads("reads/peer", bareRead);
+    addOnThreads("reads/ours",
+                 [](const char* key) { return [key, value = std::string()]() mutable { getString(key, value); }; });
 
     add("read an integer/peer", [] {
         int value = 0;
@@ -80,13 +89,14 @@ void addAccesses()
 
 using Callback = void (*)(std::string, void*);
 constexpr std::size_t kMostCallbacks = 1000;
+thread_local std::size_t total = 0;  // the callbacks' user data
 
 // A watcher holds a function once, so a thousand callbacks are a thousand functions.
 template <std::size_t index>
 // cppcheck-suppress passedByValue ; callbacks have this type
-void callback(std::string value, void* total)
+void callback(std::string value, void* userData)
 {
-    *static_cast<std::size_t*>(total) += value.size() + index;
+    *static_cast<std::size_t*>(userData) += value.size() + index;
 }
 template <std::size_t... index>
 constexpr std::array<Callback, sizeof...(index)> makeCallbacks(std::index_sequence<index...> /*indices*/)
@@ -95,125 +105,77 @@ constexpr std::array<Callback, sizeof...(index)> makeCallbacks(std::index_sequen
 }
 constexpr auto kCallbacks = makeCallbacks(std::make_index_sequence<kMostCallbacks>());
 
-keynode_t changedKey()
+keynode_t changeOf(const char* key)
 {
     keynode_t node{};
-    node.keyname = ZOLVconfKey::ZOLLanguage;
+    node.keyname = key;
     node.type = VCONF_TYPE_STRING;
     node.value.s = kText;
     return node;
 }
 
-void bareDeliver(benchmark::State& state)
+auto bareDelivery(const char* key, std::int64_t callbacks)
 {
-    keynode_t node = changedKey();
-    std::size_t total = 0;
     std::vector<CallbackNode> list;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(state.range()); ++i) {
+    for (std::size_t i = 0; i < static_cast<std::size_t>(callbacks); ++i) {
         list.push_back({reinterpret_cast<void*>(kCallbacks[i]), &total});
     }
-    for (auto _ : state) {
+    return [node = changeOf(key), list = std::move(list)] {
         log("%s: %s[%d]\t DLOG_ERROR \"Vconf cb invoked : %s\"\n", node.keyname);
         for (const CallbackNode& each : list) {
             log("%s: %s[%d]\t DLOG_ERROR \"call cb (%p)\"\n", each.callback);
             reinterpret_cast<Callback>(each.callback)(std::string(node.value.s), each.userData);
         }
-    }
-    benchmark::DoNotOptimize(total);
+    };
 }
 
-void deliver(benchmark::State& state)
+auto delivery(const char* key, std::int64_t callbacks)
 {
-    keynode_t node = changedKey();
-    std::size_t total = 0;
-    VconfCallbackGenerator watcher(DATA_TYPE_STRING, node.keyname);
-    for (std::size_t i = 0; i < static_cast<std::size_t>(state.range()); ++i) {
-        watcher.RegisterCallback(reinterpret_cast<void*>(kCallbacks[i]), &total);
+    auto watcher = std::make_unique<VconfCallbackGenerator>(DATA_TYPE_STRING, key);
+    for (std::size_t i = 0; i < static_cast<std::size_t>(callbacks); ++i) {
+        watcher->RegisterCallback(reinterpret_cast<void*>(kCallbacks[i]), &total);
     }
-    for (auto _ : state) {
-        VconfCallbackGenerator::VconfCallbackMethod(&node, &watcher);
-    }
-    benchmark::DoNotOptimize(total);
+    return [node = changeOf(key), watcher = std::move(watcher)]() mutable {
+        VconfCallbackGenerator::VconfCallbackMethod(&node, watcher.get());
+    };
 }
 
-BENCHMARK(bareDeliver)->Name("deliver/peer")->RangeMultiplier(10)->Range(1, kMostCallbacks);
-BENCHMARK(deliver)->Name("deliver/ours")->RangeMultiplier(10)->Range(1, kMostCallbacks);
+template <class Make>
+void addDelivery(const std::string& name, Make make)
+{
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [=](benchmark::State& state) {
+                                     repeat(state, name + '/' + std::to_string(state.range()),
+                                            make(ZOLVconfKey::ZOLLanguage, state.range()));
+                                 })
+        ->RangeMultiplier(10)
+        ->Range(1, kMostCallbacks);
+}
+
+void addDeliveries()
+{
+    addDelivery("deliver/peer", bareDelivery);
+    addDelivery("deliver/ours", delivery);
+    addOnThreads("deliveries/peer", [](const char* key) { return bareDelivery(key, 1); });
+    addOnThreads("deliveries/ours", [](const char* key) { return delivery(key, 1); });
+}
 
 // ---- the app list ---------------------------------------------------------------------------------------------------
 
-// In the list every other app is on. The last app is the one that is switched, so the whole list is searched.
-template <class Operation>
-void addOverList(const char* name, Operation operation)
-{
-    const auto run = [operation](benchmark::State& state) {
-        const auto app = [](std::int64_t number) { return "org.example.app" + std::to_string(number); };
-        std::string text = "[";
-        for (std::int64_t i = 1; i <= state.range(); ++i) {
-            text += R"({"appid":")" + app(i) + R"(","concurrent":")" + (i % 2 == 0 ? "on" : "off") + R"("},)";
-        }
-        text.back() = ']';
-        platformText = text.c_str();
-        const std::string last = app(state.range());
-        for (auto _ : state) {
-            operation(last);
-        }
-        platformText = kText;
-    };
-    benchmark::RegisterBenchmark(name, run)->Arg(10)->Arg(1000)->Arg(100000);
-}
-
-template <class Use>
-void withParsedList(Use use)
-{
-    char* text = vconf_get_str(ZOLVconfKey::ZOLConcurrentAppList);
-    rapidjson::Document list;
-    list.Parse(text);
-    use(list);
-    std::free(text);
-}
-
-void bareSwitch(const std::string& appid, const char* mode)
-{
-    withParsedList([&](rapidjson::Document& list) {
-        for (rapidjson::Value& entry : list.GetArray()) {
-            const auto id = entry.FindMember("appid");
-            if (id != entry.MemberEnd() && appid == id->value.GetString()) {
-                entry["concurrent"].SetString(mode, list.GetAllocator());
-                break;
-            }
-        }
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-        list.Accept(writer);
-        vconf_set_str(ZOLVconfKey::ZOLConcurrentAppList, buffer.GetString());
-    });
-}
-
 void addAppList()
 {
-    addOverList("enable/peer", [](const std::string& appid) { bareSwitch(appid, "on"); });
-    addOverList("enable/ours", ZOLSystemData::EnableZOLConcurrentMode);
-    addOverList("disable/peer", [](const std::string& appid) { bareSwitch(appid, "off"); });
-    addOverList("disable/ours", ZOLSystemData::DisableZOLConcurrentMode);
-    addOverList("list/peer", [](const std::string& /*appid*/) {
-        std::vector<std::string> ids;
-        withParsedList([&](const rapidjson::Document& list) {
-            for (const rapidjson::Value& entry : list.GetArray()) {
-                const auto id = entry.FindMember("appid");
-                const auto mode = entry.FindMember("concurrent");
-                if (id != entry.MemberEnd() && mode != entry.MemberEnd() &&
-                    std::strcmp(mode->value.GetString(), "on") == 0) {
-                    ids.emplace_back(id->value.GetString());
-                }
+    for (const ListOperation& operation : listOperations) {
+        const auto run = [&operation](benchmark::State& state) {
+            const std::string text = appList(state.range());
+            const std::string last = appid(state.range());
+            platformText = text.c_str();
+            for (auto _ : state) {
+                operation.run(last);
             }
-        });
-        benchmark::DoNotOptimize(ids);
-    });
-    addOverList("list/ours", [](const std::string& /*appid*/) {
-        std::vector<std::string> ids;
-        ZOLSystemData::GetZOLConcurrentAppList(ids);
-        benchmark::DoNotOptimize(ids);
-    });
+            platformText = kText;
+        };
+        benchmark::RegisterBenchmark(operation.name, run)->Arg(10)->Arg(1000)->Arg(100000);
+    }
 }
 
 }  // namespace
@@ -221,6 +183,7 @@ void addAppList()
 int main(int argc, char** argv)
 {
     addAccesses();
+    addDeliveries();
     addAppList();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

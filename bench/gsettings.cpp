@@ -58,6 +58,12 @@ void addPeer()
     add("store: read an integer/peer", [memory] { benchmark::DoNotOptimize(g_settings_get_int(memory, "number")); });
     add("store: read a boolean/peer", [memory] { benchmark::DoNotOptimize(g_settings_get_boolean(memory, "flag")); });
 
+    g_setenv("GSETTINGS_BACKEND", "keyfile", TRUE);
+    g_setenv("GSETTINGS_SCHEMA_DIR", BENCH_SCHEMAS, TRUE);
+    g_setenv("XDG_CONFIG_HOME", g_getenv("ZOL_VCONF_DIR"), TRUE);
+    runProgram({"gsettings", "set", "bench", "text", "en-GB"});
+    add("get, as a process/peer", [] { runProgram({"gsettings", "get", "bench", "text"}); });
+
     GSettings* keyFile = inKeyFile();
     add("write/peer", [keyFile, number = 0]() mutable { set(keyFile, ++number); });
     addDelay("set to callback/peer", "peer", [keyFile](std::int64_t number) { set(keyFile, number); });

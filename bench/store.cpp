@@ -51,6 +51,17 @@ void addAccesses()
         [value = 0]() mutable { benchmark::DoNotOptimize(vconf_get_int(kNumber, &value)); });
     add("store: read a boolean/ours",
         [value = 0]() mutable { benchmark::DoNotOptimize(vconf_get_bool(kFlag, &value)); });
+    for (const char* key : kThreadKeys) {
+        require(vconf_set_str(key, "a text that is copied to the heap") == 0);
+    }
+    addOnThreads("store: reads/ours",
+                 [](const char* key) { return [key, value = std::string()]() mutable { getString(key, value); }; });
+    // What threads share at the least: processors and the heap.
+    addOnThreads("store: reads/peer",
+                 [](const char* key) { return [key] { benchmark::DoNotOptimize(std::string(key)); }; });
+#ifdef BENCH_ZOLCTL
+    add("get, as a process/ours", [] { runProgram({BENCH_ZOLCTL, "get", "OSDLanguage"}); });
+#endif
     add("volatile write/ours", [number = 0]() mutable { set(kVolatile, ++number); });
     add("persistent write/ours", [number = 0]() mutable { set(kPersistent, ++number); });
     addDelay("volatile set to callback/ours", "volatile", [](std::int64_t number) { set(kVolatile, number); });

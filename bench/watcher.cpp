@@ -1,6 +1,7 @@
 #include "watcher.h"
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <array>
 #include <csignal>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -51,6 +53,22 @@ void addDelay(const char* name, const char* kind, const std::function<void(std::
             ->Arg(pause)
             ->Iterations(pause < 1000 ? 2000 : 300)
             ->UseManualTime();
+    }
+}
+
+void runProgram(std::vector<const char*> arguments)
+{
+    const std::string name = arguments[0];
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t id = -1;
+    int status =
+        posix_spawnp(&id, name.c_str(), &actions, nullptr, const_cast<char* const*>(arguments.data()), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (status != 0 || waitpid(id, &status, 0) != id || status != 0) {
+        throw std::runtime_error(name + " fails; see its message, or install it if there is none");
     }
 }
 

@@ -1,4 +1,4 @@
-// A second process that is told of changes, and what is measured with it.
+// Other processes: programs that are run, and one that is told of changes, with what is measured by it.
 #ifndef ZOL_BENCH_WATCHER_H
 #define ZOL_BENCH_WATCHER_H
 
@@ -8,6 +8,10 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <vector>
+
+/// Runs a program without its output and waits for it. Throws if it cannot be run or fails.
+void runProgram(std::vector<const char*> arguments);
 
 /// What the other process says of each change.
 struct Told {
