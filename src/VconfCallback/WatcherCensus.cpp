@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -119,7 +120,7 @@ WatcherCensus::Visit::Visit(void* address, const char* key) : census_(of(address
         return;
     }
     auto* present = static_cast<VconfCallbackGenerator*>(address);
-    if (present->vconfPath != key && census_.hasDeparted(address, key)) {
+    if (std::strcmp(present->vconfPath.c_str(), key) != 0 && census_.hasDeparted(address, key)) {
         return;
     }
     watcher_ = present;
