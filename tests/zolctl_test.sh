@@ -73,7 +73,7 @@ same "list: a new store has no values" "$(awk 'NR > 1 { print $4 }' "$work/list"
 check "unset boolean" 1 "" "zolctl set ZOLActivated VALUE" get ZOLActivated
 check "unset string" 1 "" "zolctl inject ModelId VALUE" get ModelId
 check "unset app list" 1 "" "concurrent enable APPID" concurrent list
-check "empty dump" 0 "{}" "" dump
+check "empty dump" 0 "{}" "no setting has a value" dump
 strings=$(names '$2 == "string"') booleans=$(names '$2 == "boolean"')
 for name in $strings; do "$zolctl" inject "$name" "text of $name"; done
 for name in $strings; do check "getter and key of $name" 0 "text of $name" "" get "$name"; done

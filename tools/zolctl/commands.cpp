@@ -202,6 +202,9 @@ int dump()
             readable.emplace_back(&setting, *std::move(value));
         }
     }
+    if (readable.empty()) {  // what reads does not tell whether there is no value or no store
+        printError("no setting has a value; add -v to see whether the store could be read");
+    }
     return printObject(readable);
 }
 
