@@ -1,8 +1,6 @@
 // The platform's store and log for tests: vconf_* and dlog_print are defined in the test program, which exports them,
 // so that the library, as it is built, calls these instead of the stand-ins. No write fires a change of its own accord.
-//
-// For the one source file of a test program. Any thread may call everything here. No lock of the mock is held while the
-// hook or a handler runs.
+// Any thread may call everything here. No lock of the mock is held while the hook or a handler runs.
 #ifndef ZOL_TESTS_PLATFORM_MOCK_H
 #define ZOL_TESTS_PLATFORM_MOCK_H
 
@@ -11,7 +9,6 @@
 #include <vconf.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +16,8 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,9 +50,8 @@ struct Subscription {
 
 struct State {
     std::map<std::string, Value> store;
-    std::map<std::string, int> counts;    // of the calls of each function, refused ones included
-    std::map<std::string, int> refusals;  // how many of its next calls are refused
-    int refuseAt = 0;                     // the call from now, log lines included, that is refused; 0 for none
+    std::set<std::string> refused;  // the functions whose next call is refused
+    int refuseAt = 0;               // the call from now, log lines included, that is refused; 0 for none
     Events events;
     std::vector<Subscription> subscriptions;
     // Is called on the thread of each event, before a call of the store takes effect or is refused.
@@ -81,21 +79,13 @@ struct Locked {
 
 inline void reset() { *Locked().operator->() = State(); }
 inline void setHook(std::function<void(const std::string&)> hook) { Locked()->hook = std::move(hook); }
-inline int count(const std::string& function) { return Locked()->counts[function]; }
-// A refused getter of a number still writes a 1 to its output.
-inline void refuse(const std::string& function, int times = INT_MAX) { Locked()->refusals[function] = times; }
+inline void refuse(const std::string& function) { Locked()->refused.insert(function); }
 inline void put(const std::string& key, const Value& value) { Locked()->store.insert_or_assign(key, value); }
 inline Events takeEvents() { return std::exchange(Locked()->events, {}); }
 inline void did(const Events& expected, int line = __builtin_LINE())
 {
     EXPECT_EQ(expected, takeEvents()) << "in line " << line;
 }
-
-class Test : public testing::Test {
-protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-};
 
 inline void deliver(const Subscription& to, const Value& value)
 {
@@ -108,11 +98,9 @@ inline void deliver(const Subscription& to, const Value& value)
 inline int fire(const std::string& key, const Value& value)
 {
     int called = 0;
-    std::vector<Subscription> subscriptions;
-    {
-        const Inside here;
-        subscriptions = Locked()->subscriptions;
-    }
+    ++inside;
+    const std::vector<Subscription> subscriptions = Locked()->subscriptions;
+    --inside;
     for (const Subscription& each : subscriptions) {
         if (each.key == key) {
             deliver(each, value);
@@ -132,43 +120,42 @@ inline bool happen(const std::string& event)
         hook(event);
     }
     const Locked locked;
-    return locked->refuseAt == 0 || --locked->refuseAt != 0;
+    const bool refused = locked->refused.erase(event.substr(0, event.find(' '))) > 0;
+    return --locked->refuseAt != 0 && !refused;
 }
 
-inline bool arrive(const std::string& function, const std::string& argument)
+inline std::optional<Value> get(const std::string& function, const char* key, int type)
 {
-    const bool accepted = happen(function + " " + argument);
-    const Locked locked;
-    ++locked->counts[function];
-    return (locked->refusals[function] == 0 || locked->refusals[function]-- < 0) && accepted;
-}
-
-inline bool find(const char* function, const char* key, int type, Value& value)
-{
-    const bool accepted = arrive(function, key);
+    const bool accepted = happen(function + " " + key);
     const Locked locked;
     const auto found = locked->store.find(key);
-    return accepted && found != locked->store.end() && (value = found->second).type == type;
+    const bool known = found != locked->store.end() && found->second.type == type;
+    return accepted && known ? std::optional(found->second) : std::nullopt;
 }
 
+// A refused one still writes a 1 to its output.
 inline int getNumber(const char* function, const char* key, int type, int* number)
 {
     const Inside here;
-    Value value{type};
-    const bool found = find(function, key, type, value);
-    *number = found ? value.number : 1;
-    return found ? 0 : -1;
+    const auto value = get(function, key, type);
+    *number = value ? value->number : 1;
+    return value ? 0 : -1;
 }
 
 inline int set(const char* function, const char* key, const Value& value)
 {
-    const Inside here;
     const bool isText = value.type == VCONF_TYPE_STRING;
-    if (!arrive(function, std::string(key) + "=" + (isText ? value.text : std::to_string(value.number)))) {
+    if (!happen(std::string(function) + " " + key + "=" + (isText ? value.text : std::to_string(value.number)))) {
         return -1;
     }
     put(key, value);
     return 0;
+}
+
+inline int setNumber(const char* function, const char* key, int type, int number)
+{
+    const Inside here;
+    return set(function, key, {type, number});
 }
 
 }  // namespace mock
@@ -176,8 +163,8 @@ inline int set(const char* function, const char* key, const Value& value)
 char* vconf_get_str(const char* key)
 {
     const mock::Inside here;
-    mock::Value value{};
-    return mock::find(__func__, key, VCONF_TYPE_STRING, value) ? strdup(value.text.c_str()) : nullptr;
+    const auto value = mock::get(__func__, key, VCONF_TYPE_STRING);
+    return value ? strdup(value->text.c_str()) : nullptr;
 }
 int vconf_set_str(const char* key, const char* value)
 {
@@ -185,24 +172,24 @@ int vconf_set_str(const char* key, const char* value)
     return mock::set(__func__, key, mock::text(value));
 }
 int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_INT, value); }
-int vconf_set_int(const char* key, int value) { return mock::set(__func__, key, mock::integer(value)); }
+int vconf_set_int(const char* key, int value) { return mock::setNumber(__func__, key, VCONF_TYPE_INT, value); }
 int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_BOOL, value); }
-int vconf_set_bool(const char* key, int value) { return mock::set(__func__, key, mock::boolean(value)); }
+int vconf_set_bool(const char* key, int value) { return mock::setNumber(__func__, key, VCONF_TYPE_BOOL, value); }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
 {
     const mock::Inside here;
-    if (!mock::arrive(__func__, key)) {
-        return -1;
+    const bool accepted = mock::happen(std::string(__func__) + " " + key);
+    if (accepted) {
+        mock::Locked()->subscriptions.push_back({key, handler, user_data});
     }
-    mock::Locked()->subscriptions.push_back({key, handler, user_data});
-    return 0;
+    return accepted ? 0 : -1;
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
 {
     const mock::Inside here;
-    const bool accepted = mock::arrive(__func__, key);
+    const bool accepted = mock::happen(std::string(__func__) + " " + key);
     const mock::Locked locked;
     auto& all = locked->subscriptions;
     const auto found = std::find_if(all.begin(), all.end(),
@@ -220,21 +207,18 @@ int dlog_print(log_priority priority, const char* tag, const char* format, ...)
     const mock::Inside here;
     EXPECT_EQ(6, static_cast<int>(priority)) << format;
     EXPECT_STREQ("libZOL", tag) << format;
-    constexpr char kFrame[] = "%s: %s[%d]\t ";
+    EXPECT_EQ(format, std::strstr(format, "%s: %s[%d]\t ")) << "a line without the frame";
     char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
     const int size = vasprintf(&text, format, arguments);
     va_end(arguments);
-    if (std::strncmp(format, kFrame, std::strlen(kFrame)) != 0 || size < 0 || text[size - 1] != '\n') {
-        ADD_FAILURE() << "a line without the frame: " << format;
-        return -1;
-    }
-    const std::string line(text, static_cast<std::size_t>(size) - 1);
+    const std::string line(text, static_cast<std::size_t>(size));
     std::free(text);
-    const std::size_t number = line.find('['), message = line.find("]\t ");
+    const std::size_t number = line.find('['), message = line.find("]\t "), last = line.size() - 1;
     EXPECT_GT(std::stoi(line.substr(number + 1)), 0) << line;
-    return mock::happen(line.substr(0, number) + ":" + line.substr(message + 2)) ? 0 : -1;
+    EXPECT_EQ('\n', line[last]) << line;
+    return mock::happen(line.substr(0, number) + ":" + line.substr(message + 2, last - message - 2)) ? 0 : -1;
 }
 
 #endif

@@ -181,6 +181,10 @@ start_watch 99 >"$work/pipe"
 until_true "the first of it" [ "$(timeout 30 head -c 20000 <&3 | wc -c)" = 20000 ]
 end_watch "watch whose reader stands still" TERM
 
+# ---- the log ----
+mkfifo "$work/nobody reads"
+ZOL_DLOG="$work/nobody reads" check "a log that nobody reads" 0 "" "No such device" set ZOLMultipleMode off
+
 # ---- selftest ----
 # A library in front of the platform that breaks one promise.
 "${CXX:-c++}" -std=c++17 -shared -fPIC "-I$source_dir/platform/vconf/include" -x c++ - -o "$work/faults.so" <<'END' || fail "faults"
