@@ -83,11 +83,10 @@ void on(std::string value, void* /*data*/)
 bool add(ZOLStringCallback callback) { return ZOLSystemDataNotifyRegisterOSDCountryCallback(callback, nullptr) == 1; }
 bool remove(ZOLStringCallback callback) { return ZOLSystemDataNotifyUnregisterOSDCountryCallback(callback) == 1; }
 
-// Changes the watched key. One of the callbacks may go without for lack of memory.
-void change()
-{
-    told[0] = told[1] = 0;
 #ifdef ON_DESK
+// Waits until all earlier writes have been delivered.
+void settle()
+{
     static std::atomic<int> seen;
     static pid_t subscriber = 0;
     if (std::exchange(subscriber, getpid()) != getpid()) {
@@ -96,11 +95,23 @@ void change()
     }
     int last = 0;
     vconf_get_int("db/last", &last);
-    REQUIRE(vconf_set_str(kCountry.c_str(), kText) == 0 && vconf_set_int("db/last", last + 1) == 0);
+    REQUIRE(vconf_set_int("db/last", last + 1) == 0);
     while (seen <= last) {
         std::this_thread::yield();
     }
+}
+#endif
+
+// Changes the watched key. One of the callbacks may go without for lack of memory.
+void change()
+{
+#ifdef ON_DESK
+    settle();
+    told[0] = told[1] = 0;
+    REQUIRE(vconf_set_str(kCountry.c_str(), kText) == 0);
+    settle();
 #else
+    told[0] = told[1] = 0;
     static const mock::Value value = mock::text(kText);
     mock::fire(kCountry, value);
 #endif
