@@ -39,19 +39,24 @@ bool setString(const char* key, std::string value)
     return true;
 }
 
-bool getString(const char* key, std::string& value)
+// Copies vconf's text and releases it, also when there is no memory for the copy.
+static std::string takeOver(char* text)
 {
     struct Free {
-        void operator()(char* text) const { std::free(text); }
+        void operator()(char* block) const { std::free(block); }
     };
-    std::unique_ptr<char, Free> text(vconf_get_str(key));
-    if (!text) {
+    const std::unique_ptr<char, Free> owned(text);
+    return owned.get();
+}
+
+bool getString(const char* key, std::string& value)
+{
+    char* const text = vconf_get_str(key);
+    if (text == nullptr) {
         dlog_print(ZOL_LINE("vconf_get_str is failed"));
         return false;
     }
-    std::string copy(text.get());
-    text.reset();
-    value = std::move(copy);
+    value = takeOver(text);
     dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
     return true;
 }
