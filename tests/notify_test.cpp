@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -350,24 +351,32 @@ TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
     EXPECT_EQ(Events{"x one"}, takeTold());
 }
 
-TEST_F(NotifyTest, AnEventForAGoneWatcherDoesNotReachAnotherAtItsAddress)
+TEST_F(NotifyTest, EventsForGoneWatchersDoNotReachOthersAtTheirAddresses)
 {
-    alignas(VconfCallbackGenerator) unsigned char place[sizeof(VconfCallbackGenerator)];
-    auto* watcher = new (place) VconfCallbackGenerator(DATA_TYPE_INT, "db/number");
-    watcher->RegisterCallback(untyped(on<int, 1>), one);
-    watcher->UnregisterCallback(untyped(on<int, 1>));
-    watcher->~VconfCallbackGenerator();
-    addLanguage(onText, one);  // another one that departs, elsewhere
-    removeLanguage(onText);
-    watcher = new (place) VconfCallbackGenerator(DATA_TYPE_STRING, "db/text");
-    watcher->RegisterCallback(untyped(onText), one);
-
-    const auto method = VconfCallbackGenerator::VconfCallbackMethod;
-    mock::deliver({"db/number", method, watcher}, mock::text("stale"));
-    EXPECT_EQ(Events(), takeTold());
-    mock::deliver({"db/other/name", method, watcher}, mock::text("x"));
-    EXPECT_EQ(Events{"x one"}, takeTold());
-    watcher->~VconfCallbackGenerator();
+    using Watcher = VconfCallbackGenerator;
+    struct Place {
+        alignas(Watcher) unsigned char bytes[sizeof(Watcher)];
+    };
+    static std::array<Place, 100> places;
+    const auto useEverySecond = [](std::size_t first) {
+        for (std::size_t i = first; i < places.size(); i += 2) {
+            auto* watcher = new (&places[i]) Watcher(DATA_TYPE_INT, "db/number");
+            watcher->RegisterCallback(untyped(on<int, 1>), one);
+            watcher->UnregisterCallback(untyped(on<int, 1>));
+            watcher->~Watcher();
+        }
+    };
+    std::thread other(useEverySecond, 0);
+    useEverySecond(1);
+    other.join();
+    for (Place& place : places) {
+        auto* watcher = new (&place) Watcher(DATA_TYPE_STRING, "db/text");
+        watcher->RegisterCallback(untyped(onText), one);
+        mock::deliver({"db/number", Watcher::VconfCallbackMethod, watcher}, mock::text("stale"));
+        mock::deliver({"db/other/name", Watcher::VconfCallbackMethod, watcher}, mock::text("x"));
+        EXPECT_EQ(Events{"x one"}, takeTold());
+        watcher->~Watcher();
+    }
 }
 
 TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)

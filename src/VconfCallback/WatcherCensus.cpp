@@ -51,8 +51,7 @@ WatcherCensus& WatcherCensus::of(const void* address)
 {
     // Neighbours on the heap differ in some middle bits; multiplied, these decide the topmost ones.
     const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(address) * 0x9E3779B97F4A7C15U;
-    static_assert(kCensuses == 1U << 5U);
-    return all().censuses[spread >> (64U - 5U)];
+    return all().censuses[spread >> (64U - kCensusBits)];
 }
 
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)
@@ -116,7 +115,7 @@ WatcherCensus::Visit::Visit(void* address, const char* key) : census_(of(address
 {
     const std::lock_guard<std::mutex> guard(census_.lock_);
     const auto found = census_.present_.find(address);
-    if (found == census_.present_.end() || found->second.dispatches >= kLeaving) {
+    if (found == census_.present_.end() || (found->second.dispatches & kLeaving) != 0) {
         return;
     }
     auto* present = static_cast<VconfCallbackGenerator*>(address);
@@ -145,9 +144,7 @@ WatcherCensus::Visit::~Visit()
         watcher_->listMutex.unlock();
     }
     if (--presence_->dispatches == kLeaving) {
-        // The watcher's thread waits already, or has not looked yet while it holds the lock.
-        const std::lock_guard<std::mutex> guard(census_.lock_);
-        census_.changed_.notify_all();
+        census_.change([] {});  // the watcher's thread waits already, or has not looked yet while it holds the lock
     }
 }
 
@@ -162,7 +159,5 @@ WatcherCensus::Turn::Turn(VconfCallbackGenerator& watcher) : census_(of(&watcher
 
 WatcherCensus::Turn::~Turn()
 {
-    const std::lock_guard<std::mutex> guard(census_.lock_);
-    presence_->turnTaken = false;
-    census_.changed_.notify_all();
+    census_.change([this] { presence_->turnTaken = false; });
 }

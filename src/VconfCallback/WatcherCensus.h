@@ -110,10 +110,19 @@ private:
     static constexpr unsigned kLeaving = 1U << 31U;
     // Late events of so many destroyed watchers are recognised; those of one address and key count once.
     static constexpr std::size_t kRemembered = 32;
-    static constexpr std::size_t kCensuses = 32;
+    static constexpr unsigned kCensusBits = 5;
+    static constexpr std::size_t kCensuses = 1U << kCensusBits;
 
     struct All;
     static All& all();
+    /// Does something that others may wait for, and tells them.
+    template <class Change>
+    void change(Change change)
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        change();
+        changed_.notify_all();
+    }
     bool hasDeparted(const void* address, const char* key) const;
     void startAfreshInChild();
 
