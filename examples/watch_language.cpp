@@ -2,6 +2,7 @@
 #include <ZOLSystemData.h>
 #include <ZOLSystemDataNotify.h>
 
+#include <chrono>
 #include <future>
 #include <iostream>
 
@@ -15,9 +16,10 @@ int main()
     std::string language = "not set";
     ZOLSystemData::GetZOLLanguage(language);
     std::promise<std::string> changed;
-    if (ZOLSystemDataNotify::RegisterZOLLanguageCallback(onLanguage, &changed) == 0)
-        return 1;
+    std::future<std::string> next = changed.get_future();
+    ZOLSystemDataNotify::RegisterZOLLanguageCallback(onLanguage, &changed);
     ZOLSystemData::SetZOLLanguage("de-DE");
-    std::cout << language << ", then " << changed.get_future().get() << std::endl;
+    const bool told = next.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
     ZOLSystemDataNotify::UnregisterZOLLanguageCallback(onLanguage);
+    std::cout << language << ", then " << (told ? next.get() : "nothing; the log tells why") << std::endl;
 }

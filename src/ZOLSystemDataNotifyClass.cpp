@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 #include <mutex>
 #include <new>
@@ -51,7 +52,12 @@ Topic topics[] = {
 // The row of a key, which is named by the very constant that stands in the table.
 Topic& topicOf(const char* path)
 {
-    return *std::find_if(std::begin(topics), std::end(topics), [=](const Topic& topic) { return topic.key == path; });
+    auto* const row =
+        std::find_if(std::begin(topics), std::end(topics), [=](const Topic& topic) { return topic.key == path; });
+    if (row == std::end(topics)) {
+        std::abort();  // the operations of a key were added without its row above
+    }
+    return *row;
 }
 
 void lockAll()

@@ -127,7 +127,8 @@ CommandLine::CommandLine()
 
     CLI::App* const load = command(app_, "load", "Write the settings of a JSON object, as the platform does",
                                    "The whole file is checked first; with one fault in it nothing is written.\n"
-                                   "Example: zolctl dump | ssh tv zolctl load -",
+                                   "Every setting in the file is written, and its watchers are told, changed or not.\n"
+                                   "Example: zolctl get OSDLanguage --json | ssh tv zolctl load -",
                                    [this] { return zolctl::load(path_); });
     load->add_option("FILE", path_, "The file, or - for standard input")->required();
 

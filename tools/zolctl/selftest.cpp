@@ -719,13 +719,13 @@ int selftest(double timeout)
         endHanging("that sets back a scratch key");
     }
     const std::vector<std::string> left = keys->left();
-    if (!left.empty()) {
+    if (isBack && !left.empty()) {
         print("These keys had no value and keep a meaningless one until the machine restarts: " + joined(left) + "\n");
     }
     print(std::to_string(made - failed) + " of " + std::to_string(kChecks.size()) + " checks hold, " +
           std::to_string(failed) + " fail, " + std::to_string(kChecks.size() - made) + " not made\n");
     if (!isBack) {
-        printError("the platform did not take back what the keys under memory/zolctl/selftest/ held");
+        printError("the platform refused the last write to a key under memory/zolctl/selftest/; add -v to see why");
     }
     if (interrupted) {
         printError("interrupted");
