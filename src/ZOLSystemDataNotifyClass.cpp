@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <mutex>
-#include <new>
 
 #include "VconfCallback/WatcherCensus.h"
 #include "VconfCallbackGenerator.h"
@@ -74,36 +73,22 @@ void unlockAll()
     }
 }
 
-// Without this a child could find a key lock taken for ever by a thread that it does not have. It goes before the
-// census, in the order of the locks: what is set up last is called first.
-struct ForkHandlers {
-    ForkHandlers()
-    {
-        WatcherCensus::of(nullptr);  // whichever; the first use sets all of them up
-        if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
-            throw std::bad_alloc();
-        }
-    }
-
-    static void startAfreshInChild()
-    {
-        for (Topic& topic : topics) {
-            topic.inside = 0;  // the threads that were inside are not in the child
-        }
-        unlockAll();
-    }
-};
-
-void installForkHandlers() { static const ForkHandlers installed; }
-
-// When the library is loaded, before any thread can fork beside another one's first operation. Without memory the first
-// registration tries again.
-[[gnu::constructor]] void installForkHandlersEarly() noexcept
+void startAfreshInChild()
 {
-    try {
-        installForkHandlers();
-    } catch (const std::bad_alloc&) {
-        return;
+    for (Topic& topic : topics) {
+        topic.inside = 0;  // the threads that were inside are not in the child
+    }
+    unlockAll();
+}
+
+// Without this a child could find a key lock taken for ever by a thread that it does not have. It is set up when the
+// library is loaded, before any thread can fork beside another one's first operation; and after the census, in the
+// order of the locks: what is set up last is called first.
+[[gnu::constructor]] void setUpFork()
+{
+    WatcherCensus::of(nullptr);  // whichever; the first use sets all of them up
+    if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
+        std::abort();  // out of memory before the program has even begun
     }
 }
 
@@ -123,19 +108,25 @@ void releaseIfWanted(Topic& topic)
 }
 
 // Leaves the watcher at the end of an operation, also when the thread is cancelled.
-struct Leaving {
-    Topic& topic;
-    const char* releaseFor;  // null when it does not ask for a release
-
+class Leaving {
+public:
+    /// @param releaseFor  The operation that asks for a release, or null.
+    Leaving(Topic& topic, const char* releaseFor) : topic_(topic), releaseFor_(releaseFor) {}
     ~Leaving()
     {
-        const std::lock_guard<std::mutex> guard(topic.lock);
-        --topic.inside;
-        if (releaseFor != nullptr) {
-            topic.releaseFor = releaseFor;
+        const std::lock_guard<std::mutex> guard(topic_.lock);
+        --topic_.inside;
+        if (releaseFor_ != nullptr) {
+            topic_.releaseFor = releaseFor_;
         }
-        releaseIfWanted(topic);
+        releaseIfWanted(topic_);
     }
+    Leaving(const Leaving&) = delete;
+    Leaving& operator=(const Leaving&) = delete;
+
+private:
+    Topic& topic_;
+    const char* releaseFor_;
 };
 
 template <class Callback>
@@ -148,7 +139,6 @@ void* untyped(Callback callback)
 template <class Callback>
 int add(const char* path, const char* operation, Callback callback, void* userData)
 {
-    installForkHandlers();
     Topic& topic = topicOf(path);
     VconfCallbackGenerator* watcher = nullptr;
     {
@@ -160,7 +150,7 @@ int add(const char* path, const char* operation, Callback callback, void* userDa
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const Leaving leaving{topic, nullptr};
+    const Leaving leaving(topic, nullptr);
     return watcher->RegisterCallback(untyped(callback), userData);
 }
 
@@ -174,7 +164,7 @@ int remove(const char* path, const char* operation, Callback callback)
         watcher = topic.watcher;
         ++topic.inside;
     }
-    const Leaving leaving{topic, operation};
+    const Leaving leaving(topic, operation);
     return __unRegisterVconfCallback(watcher, untyped(callback), topic.lock);
 }
 

@@ -50,6 +50,7 @@ WatcherCensus::All& WatcherCensus::all()
 WatcherCensus& WatcherCensus::of(const void* address)
 {
     // Neighbours on the heap differ in some middle bits; multiplied, these decide the topmost ones.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a number is wanted, and no object
     const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(address) * 0x9E3779B97F4A7C15U;
     return all().censuses[spread >> (64U - kCensusBits)];
 }
