@@ -29,6 +29,7 @@
 #include "ZOLTypedKeys.h"
 #include "error.h"
 #include "output.h"
+#include "signals.h"
 
 namespace zolctl {
 namespace {
@@ -659,19 +660,6 @@ bool endsInTime(Step step, Seconds limit)
     std::_Exit(kExitFailed);
 }
 
-// Until the end the signals that end the tool are only looked at between the checks, so that all is set back.
-sigset_t blockSignals()
-{
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&ending, number);
-    }
-    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    return ending;
-}
-
 bool isPending(const sigset_t& signals)
 {
     const timespec noTime{};
@@ -683,7 +671,7 @@ bool isPending(const sigset_t& signals)
 int selftest(double timeout)
 {
     const Seconds limit(timeout);
-    const sigset_t ending = blockSignals();
+    const sigset_t ending = blockEndingSignals();
     OtherProcess other(limit);
     std::optional<ScratchKeys> keys;
     if (!endsInTime([&] { keys.emplace(); }, limit + kSlack)) {

@@ -32,6 +32,7 @@
 #include "error.h"
 #include "output.h"
 #include "settings.h"
+#include "signals.h"
 #include "value.h"
 
 namespace zolctl {
@@ -320,13 +321,7 @@ private:
 // unregistered whatever comes.
 int openSignals()
 {
-    (void)std::signal(SIGPIPE, SIG_IGN);
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        sigaddset(&ending, number);
-    }
-    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+    const sigset_t ending = blockEndingSignals();
     const int signals = signalfd(-1, &ending, SFD_CLOEXEC);
     if (signals < 0) {
         throw Failure(std::string("cannot watch: ") + std::strerror(errno));
