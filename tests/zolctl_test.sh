@@ -60,7 +60,8 @@ end_watch() {
 }
 
 # ---- the table of settings ----
-"$zolctl" list >"$work/list"
+"$zolctl" list >"$work/list" 2>"$work/list.err"
+same "list: a new store is told apart" "$(cut -c1-32 "$work/list.err")" "zolctl: no setting has a value; "
 names() { awk "NR > 1 && $1 { print \$1 }" "$work/list"; }
 operations() { sed -nE "s/^ZOLSystemData($1)([A-Za-z]+)$2\$/\\2/p" "$source_dir/src/exports.txt" | sort -u; }
 for word in "Get|Is::read" "Set::write" "NotifyRegister:Callback:watch"; do
@@ -97,6 +98,8 @@ check "concurrent list" 0 '["app.y"]' "" concurrent list --json
 range="from -2147483648 to 2147483647"
 while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $arguments; done <<'END'
 |zolctl --help
+Get OSDLanguage|unknown command Get; zolctl --help
+concurrent on app.x|unknown command concurrent on; zolctl concurrent --help
 get osdlanguag|did you mean OSDLanguage?
 get Xyz|zolctl list shows
 set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE

@@ -51,9 +51,18 @@ std::string joined(const std::vector<std::string>& words)
     return text;
 }
 
+// What reads does not tell whether there is no value or no store.
+void warnIfNothing(bool anyRead)
+{
+    if (!anyRead) {
+        printError("no setting has a value; add -v to see whether the store could be read");
+    }
+}
+
 int listAsJson()
 {
     int result = 0;
+    bool anyRead = false;
     Buffer buffer;
     rapidjson::PrettyWriter<Buffer> writer(buffer);
     writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
@@ -73,6 +82,7 @@ int listAsJson()
         writer.Key("key");
         writer.String(setting.key);
         const std::optional<Value> value = read(setting);
+        anyRead = anyRead || value;
         if (!value) {
             writer.Key("value");
             writer.Null();
@@ -85,6 +95,7 @@ int listAsJson()
         writer.EndObject();
     }
     writer.EndArray();
+    warnIfNothing(anyRead);
     print(std::string(buffer.GetString(), buffer.GetSize()) + "\n");
     return result;
 }
@@ -125,11 +136,14 @@ int list(bool withKey, bool json)
     }
     using Row = std::array<std::string, 5>;  // name, type, access, key, value
     std::vector<Row> rows = {{"NAME", "TYPE", "ACCESS", "KEY", "VALUE"}};
+    bool anyRead = false;
     for (const Setting& setting : allSettings()) {
         const std::optional<Value> value = read(setting);
+        anyRead = anyRead || value;
         rows.push_back({setting.name, setting.type(), joined(accessOf(setting)), setting.key,
                         value ? escaped(toText(*value)) : styled(Style::Dim, "-")});
     }
+    warnIfNothing(anyRead);
     std::array<std::size_t, 4> widths{};
     for (const Row& row : rows) {
         for (std::size_t column = 0; column < widths.size(); ++column) {
@@ -202,9 +216,7 @@ int dump()
             readable.emplace_back(&setting, *std::move(value));
         }
     }
-    if (readable.empty()) {  // what reads does not tell whether there is no value or no store
-        printError("no setting has a value; add -v to see whether the store could be read");
-    }
+    warnIfNothing(!readable.empty());
     return printObject(readable);
 }
 

@@ -209,6 +209,11 @@ int CommandLine::run(int argc, char** argv)
         }
         const auto given = app_.get_subcommands();
         const std::string name = given.empty() ? "" : given.front()->get_name() + " ";
+        const CLI::App& parent = given.empty() ? app_ : *given.front();
+        const auto unknown = app_.remaining(true);
+        if (!parent.get_subcommands({}).empty() && parent.get_subcommands().empty() && !unknown.empty()) {
+            throw UsageError("unknown command " + name + unknown.front() + "; zolctl " + name + "--help lists them");
+        }
         throw UsageError(std::string(error.what()) + "; zolctl " + name + "--help shows how it is used");
     }
     chooseLog(verbose_);
