@@ -276,6 +276,14 @@ Value* findApp(Document& list, const std::string& appid)
     return nullptr;
 }
 
+// The stored text is not kept beside the one that takes its place.
+bool parseStored(Document& list)
+{
+    std::string text;
+    getString(key::ZOLConcurrentAppList, text);
+    return parse(text, list);
+}
+
 void setMode(Value& entry, const std::string& mode, Pool& allocator)
 {
     Value text(mode.c_str(), allocator);
@@ -309,12 +317,7 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
     Document list;
     Pool& allocator = list.GetAllocator();
 
-    bool valid = false;
-    {
-        std::string text;  // not kept beside the one that takes its place
-        getString(key::ZOLConcurrentAppList, text);
-        valid = parse(text, list);
-    }
+    bool valid = parseStored(list);
     if (!valid) {
         dlog_print(ZOL_LINE("json parsing is failed"));
     } else if (!list.IsArray()) {
