@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <iterator>
 #include <mutex>
@@ -18,21 +18,12 @@ namespace key = ZOLVconfKey;
 
 namespace {
 
-// What can be watched, and the slot of its watcher.
+// What can be watched.
 struct Topic {
     const char* key;
     DataValueType type;
-
-    // The slot, protected by the key lock. The watcher is not destroyed while operations are inside it; the unregister
-    // operation that finds it in use leaves its name, so that the last one out looks again.
-    int inside = 0;
-    std::mutex lock{};
-    VconfCallbackGenerator* watcher = nullptr;
-    const char* releaseFor = nullptr;
 };
-
-// Never destroyed, like the watchers in it: callbacks may still come while the process ends.
-Topic topics[] = {
+constexpr Topic kTopics[] = {
     {key::ZOLConcurrentAppList, DATA_TYPE_STRING},
     {key::DravixResetCount, DATA_TYPE_INT},
     {key::ServiceResetCount, DATA_TYPE_INT},
@@ -48,45 +39,59 @@ Topic topics[] = {
     {key::ZOLMultipleMode, DATA_TYPE_BOOL},
 };
 
-// The row of a key, which is named by the very constant that stands in the table.
-Topic& topicOf(const char* path)
+// The row of a key, which is named by the very constant that stands in the table. A key without a row does not compile.
+constexpr std::size_t findRow(const char* path)
 {
-    auto* const row =
-        std::find_if(std::begin(topics), std::end(topics), [=](const Topic& topic) { return topic.key == path; });
-    if (row == std::end(topics)) {
-        std::abort();  // the operations of a key were added without its row above
+    std::size_t row = 0;
+    while (kTopics[row].key != path) {
+        ++row;
     }
-    return *row;
+    return row;
 }
+template <const char* path>
+constexpr std::size_t rowOf = findRow(path);
 
+// A topic's watcher, protected by the key lock. It is not destroyed while operations are inside it; the unregister
+// operation that finds it in use leaves its name, so that the last one out looks again.
+struct Slot {
+    std::mutex lock;
+    int inside = 0;
+    VconfCallbackGenerator* watcher = nullptr;
+    const char* releaseFor = nullptr;
+};
+
+// Never destroyed, like the watchers in them: callbacks may still come while the process ends.
+Slot slots[std::size(kTopics)];
+
+// Without these a child could find a lock taken for ever by a thread that it does not have.
 void lockAll()
 {
-    for (Topic& topic : topics) {
-        topic.lock.lock();
+    for (Slot& slot : slots) {
+        slot.lock.lock();
     }
+    WatcherCensus::lockAll();
 }
 
 void unlockAll()
 {
-    for (Topic& topic : topics) {
-        topic.lock.unlock();
+    WatcherCensus::unlockAll();
+    for (Slot& slot : slots) {
+        slot.lock.unlock();
     }
 }
 
 void startAfreshInChild()
 {
-    for (Topic& topic : topics) {
-        topic.inside = 0;  // the threads that were inside are not in the child
+    WatcherCensus::startAllAfreshInChild();
+    for (Slot& slot : slots) {
+        slot.inside = 0;  // the threads that were inside are not in the child
     }
     unlockAll();
 }
 
-// Without this a child could find a key lock taken for ever by a thread that it does not have. It is set up when the
-// library is loaded, before any thread can fork beside another one's first operation; and after the census, in the
-// order of the locks: what is set up last is called first.
+// When the library is loaded, before any thread can fork beside another one's first operation.
 [[gnu::constructor]] void setUpFork()
 {
-    WatcherCensus::of(nullptr);  // whichever; the first use sets all of them up
     if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
         std::abort();  // out of memory before the program has even begun
     }
@@ -94,38 +99,38 @@ void startAfreshInChild()
 
 // Releases a watcher that stopped watching, on behalf of an unregister operation. The last operation to leave the
 // watcher does it; the key lock is held.
-void releaseIfWanted(Topic& topic)
+void releaseIfWanted(Slot& slot)
 {
-    if (topic.inside > 0) {
+    if (slot.inside > 0) {
         return;
     }
-    if (topic.releaseFor != nullptr && topic.watcher != nullptr && !topic.watcher->IsExistVconfCallback()) {
-        dlog_print(ZOL_LINE_OF(topic.releaseFor, "Remove callbackGenerator"));
-        delete topic.watcher;
-        topic.watcher = nullptr;
+    if (slot.releaseFor != nullptr && slot.watcher != nullptr && !slot.watcher->IsExistVconfCallback()) {
+        dlog_print(ZOL_LINE_OF(slot.releaseFor, "Remove callbackGenerator"));
+        delete slot.watcher;
+        slot.watcher = nullptr;
     }
-    topic.releaseFor = nullptr;
+    slot.releaseFor = nullptr;
 }
 
 // Leaves the watcher at the end of an operation, also when the thread is cancelled.
 class Leaving {
 public:
     /// @param releaseFor  The operation that asks for a release, or null.
-    Leaving(Topic& topic, const char* releaseFor) : topic_(topic), releaseFor_(releaseFor) {}
+    Leaving(Slot& slot, const char* releaseFor) : slot_(slot), releaseFor_(releaseFor) {}
     ~Leaving()
     {
-        const std::lock_guard<std::mutex> guard(topic_.lock);
-        --topic_.inside;
+        const std::lock_guard<std::mutex> guard(slot_.lock);
+        --slot_.inside;
         if (releaseFor_ != nullptr) {
-            topic_.releaseFor = releaseFor_;
+            slot_.releaseFor = releaseFor_;
         }
-        releaseIfWanted(topic_);
+        releaseIfWanted(slot_);
     }
     Leaving(const Leaving&) = delete;
     Leaving& operator=(const Leaving&) = delete;
 
 private:
-    Topic& topic_;
+    Slot& slot_;
     const char* releaseFor_;
 };
 
@@ -137,35 +142,36 @@ void* untyped(Callback callback)
 }
 
 template <class Callback>
-int add(const char* path, const char* operation, Callback callback, void* userData)
+int add(std::size_t row, const char* operation, Callback callback, void* userData)
 {
-    Topic& topic = topicOf(path);
+    Slot& slot = slots[row];
     VconfCallbackGenerator* watcher = nullptr;
     {
-        const std::lock_guard<std::mutex> guard(topic.lock);
-        if (topic.watcher == nullptr) {
+        const std::lock_guard<std::mutex> guard(slot.lock);
+        if (slot.watcher == nullptr) {
+            const Topic& topic = kTopics[row];
             dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), topic.key);
-            topic.watcher = new VconfCallbackGenerator(topic.type, topic.key);
+            slot.watcher = new VconfCallbackGenerator(topic.type, topic.key);
         }
-        watcher = topic.watcher;
-        ++topic.inside;
+        watcher = slot.watcher;
+        ++slot.inside;
     }
-    const Leaving leaving(topic, nullptr);
+    const Leaving leaving(slot, nullptr);
     return watcher->RegisterCallback(untyped(callback), userData);
 }
 
 template <class Callback>
-int remove(const char* path, const char* operation, Callback callback)
+int remove(std::size_t row, const char* operation, Callback callback)
 {
-    Topic& topic = topicOf(path);
+    Slot& slot = slots[row];
     VconfCallbackGenerator* watcher = nullptr;
     {
-        const std::lock_guard<std::mutex> guard(topic.lock);
-        watcher = topic.watcher;
-        ++topic.inside;
+        const std::lock_guard<std::mutex> guard(slot.lock);
+        watcher = slot.watcher;
+        ++slot.inside;
     }
-    const Leaving leaving(topic, operation);
-    return __unRegisterVconfCallback(watcher, untyped(callback), topic.lock);
+    const Leaving leaving(slot, operation);
+    return __unRegisterVconfCallback(watcher, untyped(callback), slot.lock);
 }
 
 }  // namespace
@@ -177,105 +183,105 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
 
 int ZOLSystemDataNotify::RegisterZOLConcurrentAppListCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::ZOLConcurrentAppList, __func__, callback, userData);
+    return add(rowOf<key::ZOLConcurrentAppList>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLConcurrentAppListCallback(ZOLStringCallback callback)
 {
-    return remove(key::ZOLConcurrentAppList, __func__, callback);
+    return remove(rowOf<key::ZOLConcurrentAppList>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterDravixResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(key::DravixResetCount, __func__, callback, userData);
+    return add(rowOf<key::DravixResetCount>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterDravixResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(key::DravixResetCount, __func__, callback);
+    return remove(rowOf<key::DravixResetCount>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterServiceResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(key::ServiceResetCount, __func__, callback, userData);
+    return add(rowOf<key::ServiceResetCount>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterServiceResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(key::ServiceResetCount, __func__, callback);
+    return remove(rowOf<key::ServiceResetCount>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterFactoryResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(key::FactoryResetCount, __func__, callback, userData);
+    return add(rowOf<key::FactoryResetCount>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterFactoryResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(key::FactoryResetCount, __func__, callback);
+    return remove(rowOf<key::FactoryResetCount>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterWebAppUninstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::WebAppUninstall, __func__, callback, userData);
+    return add(rowOf<key::WebAppUninstall>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppUninstallCallback(ZOLStringCallback callback)
 {
-    return remove(key::WebAppUninstall, __func__, callback);
+    return remove(rowOf<key::WebAppUninstall>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterWebAppInstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::WebAppInstall, __func__, callback, userData);
+    return add(rowOf<key::WebAppInstall>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppInstallCallback(ZOLStringCallback callback)
 {
-    return remove(key::WebAppInstall, __func__, callback);
+    return remove(rowOf<key::WebAppInstall>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterOSDCountryCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::OSDCountry, __func__, callback, userData);
+    return add(rowOf<key::OSDCountry>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterOSDCountryCallback(ZOLStringCallback callback)
 {
-    return remove(key::OSDCountry, __func__, callback);
+    return remove(rowOf<key::OSDCountry>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterBackgroundVolumeCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(key::BackgroundVolume, __func__, callback, userData);
+    return add(rowOf<key::BackgroundVolume>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterBackgroundVolumeCallback(ZOLIntCallback callback)
 {
-    return remove(key::BackgroundVolume, __func__, callback);
+    return remove(rowOf<key::BackgroundVolume>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::ZOLSituationalHintSupported, __func__, callback, userData);
+    return add(rowOf<key::ZOLSituationalHintSupported>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback)
 {
-    return remove(key::ZOLSituationalHintSupported, __func__, callback);
+    return remove(rowOf<key::ZOLSituationalHintSupported>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLLanguageCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::ZOLLanguage, __func__, callback, userData);
+    return add(rowOf<key::ZOLLanguage>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLLanguageCallback(ZOLStringCallback callback)
 {
-    return remove(key::ZOLLanguage, __func__, callback);
+    return remove(rowOf<key::ZOLLanguage>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(key::ZOLDefaultAssistantAppid, __func__, callback, userData);
+    return add(rowOf<key::ZOLDefaultAssistantAppid>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback)
 {
-    return remove(key::ZOLDefaultAssistantAppid, __func__, callback);
+    return remove(rowOf<key::ZOLDefaultAssistantAppid>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLActivatedCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(key::ZOLActivated, __func__, callback, userData);
+    return add(rowOf<key::ZOLActivated>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLActivatedCallback(ZOLBoolCallback callback)
 {
-    return remove(key::ZOLActivated, __func__, callback);
+    return remove(rowOf<key::ZOLActivated>, __func__, callback);
 }
 int ZOLSystemDataNotify::RegisterZOLMultipleModeCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(key::ZOLMultipleMode, __func__, callback, userData);
+    return add(rowOf<key::ZOLMultipleMode>, __func__, callback, userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLMultipleModeCallback(ZOLBoolCallback callback)
 {
-    return remove(key::ZOLMultipleMode, __func__, callback);
+    return remove(rowOf<key::ZOLMultipleMode>, __func__, callback);
 }

@@ -1,7 +1,5 @@
 #include "WatcherCensus.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -10,41 +8,30 @@
 
 #include "VconfCallbackGenerator.h"
 
-struct WatcherCensus::All {
-    std::array<WatcherCensus, kCensuses> censuses;
+// Made when the library is loaded, so that fork() need not make it, and never destroyed: threads may deliver until the
+// very end of the process.
+// NOLINTNEXTLINE(cert-err58-cpp): without memory the program ends before it has begun
+std::array<WatcherCensus, WatcherCensus::kCensuses>& WatcherCensus::all_ = *new std::array<WatcherCensus, kCensuses>;
 
-    All()
-    {
-        if (pthread_atfork(lockAll, unlockAll, startAllAfreshInChild) != 0) {
-            throw std::bad_alloc();
-        }
-    }
-    static void lockAll()
-    {
-        for (WatcherCensus& each : all().censuses) {
-            each.lock_.lock();
-        }
-    }
-    static void unlockAll()
-    {
-        for (WatcherCensus& each : all().censuses) {
-            each.lock_.unlock();
-        }
-    }
-    static void startAllAfreshInChild()
-    {
-        for (WatcherCensus& each : all().censuses) {
-            each.startAfreshInChild();
-        }
-        unlockAll();
-    }
-};
-
-// Never destroyed: threads may deliver until the very end of the process.
-WatcherCensus::All& WatcherCensus::all()
+void WatcherCensus::lockAll()
 {
-    static auto* const the = new All;
-    return *the;
+    for (WatcherCensus& each : all_) {
+        each.lock_.lock();
+    }
+}
+
+void WatcherCensus::unlockAll()
+{
+    for (WatcherCensus& each : all_) {
+        each.lock_.unlock();
+    }
+}
+
+void WatcherCensus::startAllAfreshInChild()
+{
+    for (WatcherCensus& each : all_) {
+        each.startAfreshInChild();
+    }
 }
 
 WatcherCensus& WatcherCensus::of(const void* address)
@@ -52,7 +39,7 @@ WatcherCensus& WatcherCensus::of(const void* address)
     // Neighbours on the heap differ in some middle bits; multiplied, these decide the topmost ones.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a number is wanted, and no object
     const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(address) * 0x9E3779B97F4A7C15U;
-    return all().censuses[spread >> (64U - kCensusBits)];
+    return all_[spread >> (64U - kCensusBits)];
 }
 
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)

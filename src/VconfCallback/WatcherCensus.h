@@ -94,6 +94,11 @@ public:
         Presence* presence_ = nullptr;
     };
 
+    /// For the handlers around fork(), which the registry sets up. In a child the locks are still to be released.
+    static void lockAll();
+    static void unlockAll();
+    static void startAllAfreshInChild();
+
     /// Held while a list of callbacks changes.
     std::unique_lock<std::mutex> holdStill() { return std::unique_lock<std::mutex>(lock_); }
 
@@ -113,8 +118,8 @@ private:
     static constexpr unsigned kCensusBits = 5;
     static constexpr std::size_t kCensuses = 1U << kCensusBits;
 
-    struct All;
-    static All& all();
+    static std::array<WatcherCensus, kCensuses>& all_;
+
     /// Does something that others may wait for, and tells them.
     template <class Change>
     void change(Change change)
