@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <iterator>
 #include <new>
@@ -36,11 +37,16 @@ extern std::atomic<int> failingAllocation;
 
 static thread_local bool runsOperations = false;
 static bool othersStarve = false;
+static void (*onAllocation)() = nullptr;
 bool isCounted();
 __attribute__((no_sanitize("thread"))) bool isCounted()  // a thread allocates before it is known there
 {
     // cppcheck-suppress knownConditionTrueFalse ; the mock changes it
-    return runsOperations != othersStarve && mock::inside == 0;
+    const bool counted = runsOperations != othersStarve && mock::inside == 0;
+    if (counted && onAllocation != nullptr) {
+        onAllocation();
+    }
+    return counted;
 }
 
 using namespace std::string_literals;
@@ -317,6 +323,36 @@ TEST(Refused, EachCallInTurnGivesItsResultAndState)
                       now);
         }
     }
+}
+
+// Another thread's fork() would take a list that is being changed to the child.
+TEST(Growing, AListOfCallbacksMakesForkWait)
+{
+    inChild([] {
+        static Gate begin;
+        static std::atomic<bool> forked{false};
+        static int allocations = 0;
+        REQUIRE(add(on<0>));
+        std::thread forker([] {
+            begin.pass();
+            const pid_t child = start([] { _exit(0); });
+            forked = true;
+            REQUIRE(finish(child) == 0);
+        });
+        onAllocation = [] {
+            if (++allocations == 2) {  // the first one is the callback's node
+                begin.open();
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                REQUIRE(!forked);
+            }
+        };
+        runsOperations = true;
+        failingAllocation = 100;
+        REQUIRE(add(on<1>));
+        failingAllocation = 0;
+        forker.join();
+        REQUIRE(allocations == 2 && forked);
+    });
 }
 #endif
 
