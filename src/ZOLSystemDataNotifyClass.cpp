@@ -141,8 +141,8 @@ void* untyped(Callback callback)
     return reinterpret_cast<void*>(callback);
 }
 
-template <class Callback>
-int add(std::size_t row, const char* operation, Callback callback, void* userData)
+// Not inlined, as nothing is gained by two dozen copies.
+[[gnu::noinline]] int add(std::size_t row, const char* operation, void* callback, void* userData)
 {
     Slot& slot = slots[row];
     VconfCallbackGenerator* watcher = nullptr;
@@ -157,11 +157,10 @@ int add(std::size_t row, const char* operation, Callback callback, void* userDat
         ++slot.inside;
     }
     const Leaving leaving(slot, nullptr);
-    return watcher->RegisterCallback(untyped(callback), userData);
+    return watcher->RegisterCallback(callback, userData);
 }
 
-template <class Callback>
-int remove(std::size_t row, const char* operation, Callback callback)
+[[gnu::noinline]] int remove(std::size_t row, const char* operation, void* callback)
 {
     Slot& slot = slots[row];
     VconfCallbackGenerator* watcher = nullptr;
@@ -171,7 +170,7 @@ int remove(std::size_t row, const char* operation, Callback callback)
         ++slot.inside;
     }
     const Leaving leaving(slot, operation);
-    return __unRegisterVconfCallback(watcher, untyped(callback), slot.lock);
+    return __unRegisterVconfCallback(watcher, callback, slot.lock);
 }
 
 }  // namespace
@@ -183,105 +182,105 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
 
 int ZOLSystemDataNotify::RegisterZOLConcurrentAppListCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLConcurrentAppList>, __func__, callback, userData);
+    return add(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLConcurrentAppListCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLConcurrentAppList>, __func__, callback);
+    return remove(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterDravixResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::DravixResetCount>, __func__, callback, userData);
+    return add(rowOf<key::DravixResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterDravixResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::DravixResetCount>, __func__, callback);
+    return remove(rowOf<key::DravixResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterServiceResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::ServiceResetCount>, __func__, callback, userData);
+    return add(rowOf<key::ServiceResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterServiceResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::ServiceResetCount>, __func__, callback);
+    return remove(rowOf<key::ServiceResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterFactoryResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::FactoryResetCount>, __func__, callback, userData);
+    return add(rowOf<key::FactoryResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterFactoryResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::FactoryResetCount>, __func__, callback);
+    return remove(rowOf<key::FactoryResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterWebAppUninstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::WebAppUninstall>, __func__, callback, userData);
+    return add(rowOf<key::WebAppUninstall>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppUninstallCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::WebAppUninstall>, __func__, callback);
+    return remove(rowOf<key::WebAppUninstall>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterWebAppInstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::WebAppInstall>, __func__, callback, userData);
+    return add(rowOf<key::WebAppInstall>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppInstallCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::WebAppInstall>, __func__, callback);
+    return remove(rowOf<key::WebAppInstall>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterOSDCountryCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::OSDCountry>, __func__, callback, userData);
+    return add(rowOf<key::OSDCountry>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterOSDCountryCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::OSDCountry>, __func__, callback);
+    return remove(rowOf<key::OSDCountry>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterBackgroundVolumeCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::BackgroundVolume>, __func__, callback, userData);
+    return add(rowOf<key::BackgroundVolume>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterBackgroundVolumeCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::BackgroundVolume>, __func__, callback);
+    return remove(rowOf<key::BackgroundVolume>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLSituationalHintSupported>, __func__, callback, userData);
+    return add(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLSituationalHintSupported>, __func__, callback);
+    return remove(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLLanguageCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLLanguage>, __func__, callback, userData);
+    return add(rowOf<key::ZOLLanguage>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLLanguageCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLLanguage>, __func__, callback);
+    return remove(rowOf<key::ZOLLanguage>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLDefaultAssistantAppid>, __func__, callback, userData);
+    return add(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLDefaultAssistantAppid>, __func__, callback);
+    return remove(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLActivatedCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLActivated>, __func__, callback, userData);
+    return add(rowOf<key::ZOLActivated>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLActivatedCallback(ZOLBoolCallback callback)
 {
-    return remove(rowOf<key::ZOLActivated>, __func__, callback);
+    return remove(rowOf<key::ZOLActivated>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLMultipleModeCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLMultipleMode>, __func__, callback, userData);
+    return add(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLMultipleModeCallback(ZOLBoolCallback callback)
 {
-    return remove(rowOf<key::ZOLMultipleMode>, __func__, callback);
+    return remove(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback));
 }
