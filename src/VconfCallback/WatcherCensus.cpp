@@ -8,28 +8,33 @@
 
 #include "VconfCallbackGenerator.h"
 
-// Made when the library is loaded, so that fork() need not make it, and never destroyed: threads may deliver until the
-// very end of the process.
-// NOLINTNEXTLINE(cert-err58-cpp): without memory the program ends before it has begun
-std::array<WatcherCensus, WatcherCensus::kCensuses>& WatcherCensus::all_ = *new std::array<WatcherCensus, kCensuses>;
+// Never destroyed: threads may deliver until the very end of the process. Made at the first use, since other libraries
+// may be initialised before this one; and without an allocation, since fork() may be the first to come here.
+std::array<WatcherCensus, WatcherCensus::kCensuses>& WatcherCensus::all()
+{
+    using All = std::array<WatcherCensus, kCensuses>;
+    alignas(All) static unsigned char place[sizeof(All)];
+    static All& the = *new (place) All;
+    return the;
+}
 
 void WatcherCensus::lockAll()
 {
-    for (WatcherCensus& each : all_) {
+    for (WatcherCensus& each : all()) {
         each.lock_.lock();
     }
 }
 
 void WatcherCensus::unlockAll()
 {
-    for (WatcherCensus& each : all_) {
+    for (WatcherCensus& each : all()) {
         each.lock_.unlock();
     }
 }
 
 void WatcherCensus::startAllAfreshInChild()
 {
-    for (WatcherCensus& each : all_) {
+    for (WatcherCensus& each : all()) {
         each.startAfreshInChild();
     }
 }
@@ -39,7 +44,7 @@ WatcherCensus& WatcherCensus::of(const void* address)
     // Neighbours on the heap differ in some middle bits; multiplied, these decide the topmost ones.
     // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a number is wanted, and no object
     const std::uint64_t spread = reinterpret_cast<std::uintptr_t>(address) * 0x9E3779B97F4A7C15U;
-    return all_[spread >> (64U - kCensusBits)];
+    return all()[spread >> (64U - kCensusBits)];
 }
 
 void WatcherCensus::arrive(VconfCallbackGenerator& watcher)

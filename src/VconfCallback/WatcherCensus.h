@@ -118,8 +118,7 @@ private:
     static constexpr unsigned kCensusBits = 5;
     static constexpr std::size_t kCensuses = 1U << kCensusBits;
 
-    static std::array<WatcherCensus, kCensuses>& all_;
-
+    static std::array<WatcherCensus, kCensuses>& all();
     /// Does something that others may wait for, and tells them.
     template <class Change>
     void change(Change change)
