@@ -99,7 +99,9 @@ range="from -2147483648 to 2147483647"
 while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $arguments; done <<'END'
 |zolctl --help
 Get OSDLanguage|unknown command Get; zolctl --help
-concurrent on app.x|unknown command concurrent on; zolctl concurrent --help
+concurrent on app.x|unknown command on; zolctl concurrent --help
+Get concurrent|unknown command Get; 
+--bogus|required; zolctl --help
 get osdlanguag|did you mean OSDLanguage?
 get Xyz|zolctl list shows
 set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE

@@ -210,9 +210,10 @@ int CommandLine::run(int argc, char** argv)
         const auto given = app_.get_subcommands();
         const std::string name = given.empty() ? "" : given.front()->get_name() + " ";
         const CLI::App& parent = given.empty() ? app_ : *given.front();
-        const auto unknown = app_.remaining(true);
-        if (!parent.get_subcommands({}).empty() && parent.get_subcommands().empty() && !unknown.empty()) {
-            throw UsageError("unknown command " + name + unknown.front() + "; zolctl " + name + "--help lists them");
+        const auto rest = app_.remaining(true);
+        const bool isWord = !rest.empty() && !rest.front().empty() && rest.front()[0] != '-';
+        if (isWord && !parent.get_subcommands({}).empty() && parent.get_subcommands().empty()) {
+            throw UsageError("unknown command " + rest.front() + "; zolctl " + name + "--help lists the commands");
         }
         throw UsageError(std::string(error.what()) + "; zolctl " + name + "--help shows how it is used");
     }
