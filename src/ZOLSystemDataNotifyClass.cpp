@@ -84,12 +84,13 @@ void startAfreshInChild()
 {
     WatcherCensus::startAllAfreshInChild();
     for (Slot& slot : slots) {
-        slot.inside = 0;  // the threads that were inside are not in the child
+        slot.inside = 0;  // the threads that were inside are not in the child, nor are those that asked for a release
+        slot.releaseFor = nullptr;
     }
     unlockAll();
 }
 
-// When the library is loaded, before any thread can fork beside another one's first operation.
+// When the library is loaded, before any thread can fork beside an operation.
 [[gnu::constructor]] void setUpFork()
 {
     if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {

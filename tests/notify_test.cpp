@@ -496,6 +496,8 @@ TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
         static pid_t child;
         const auto useAfresh = [] {
             mock::reset();
+            mock::refuse("vconf_notify_key_changed");  // nobody in the child has asked for a release
+            REQUIRE(Notify::RegisterOSDCountryCallback(onText, one) == 0);
             REQUIRE(addLanguage(onText, one) == 1 && removeLanguage(slow) == 0);
             REQUIRE(mock::fire(kLanguage, mock::text("x")) == 1 && takeTold() == Events{"x one"});
             REQUIRE(addActivated(on<bool, 1>, one) == 1 && Notify::RegisterOSDCountryCallback(onText, one) == 1);
@@ -523,6 +525,7 @@ TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
         running.reached.pass();
         std::thread subscription([] { Notify::RegisterOSDCountryCallback(onText, one); });
         subscribing.reached.pass();
+        REQUIRE(Notify::UnregisterOSDCountryCallback(onText) == 0);  // which asks for a release
         std::thread creation([] { Notify::RegisterDravixResetCountCallback(on<int, 1>, one); });
         creating.reached.pass();
         REQUIRE(finish(start(useAfresh)) == 0);
