@@ -36,25 +36,24 @@ void add(const char* name, Operation operation)
     benchmark::RegisterBenchmark(name, [=](benchmark::State& state) { repeat(state, name, operation); })->UseRealTime();
 }
 
-/// The keys of addOnThreads; each thread has its own.
-constexpr std::array<const char*, 8> kThreadKeys = {
-    ZOLVconfKey::OSDLanguage, ZOLVconfKey::ZOLLanguage,   ZOLVconfKey::AssistantFarField, ZOLVconfKey::TVName,
-    ZOLVconfKey::OSDCountry,  ZOLVconfKey::AovModeSetter, ZOLVconfKey::MultiViewMode,     ZOLVconfKey::ModelId};
-
-/// Adds a benchmark on 1, 2, 4 and 8 threads, each of which repeats the operation that `make` makes of its key.
-template <class Make>
-void addOnThreads(const char* name, Make make)
+/// Adds a benchmark on 1, 2, 4 ... threads, each of which repeats the operation that `make` makes of its own element.
+template <class Elements, class Make>
+void addOnThreads(const char* name, const Elements& elements, Make make)
 {
     benchmark::RegisterBenchmark(name,
                                  [=](benchmark::State& state) {
-                                     auto operation =
-                                         make(kThreadKeys.at(static_cast<std::size_t>(state.thread_index())));
+                                     auto operation = make(elements.at(static_cast<std::size_t>(state.thread_index())));
                                      for (auto _ : state) {
                                          operation();
                                      }
                                  })
-        ->ThreadRange(1, kThreadKeys.size())
+        ->ThreadRange(1, static_cast<int>(elements.size()))
         ->UseRealTime();
 }
+
+/// Keys for addOnThreads.
+constexpr std::array<const char*, 8> kThreadKeys = {
+    ZOLVconfKey::OSDLanguage, ZOLVconfKey::ZOLLanguage,   ZOLVconfKey::AssistantFarField, ZOLVconfKey::TVName,
+    ZOLVconfKey::OSDCountry,  ZOLVconfKey::AovModeSetter, ZOLVconfKey::MultiViewMode,     ZOLVconfKey::ModelId};
 
 #endif

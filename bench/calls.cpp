@@ -13,6 +13,7 @@
 
 #include "VconfCallbackGenerator.h"
 #include "ZOLSystemData.h"
+#include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
 #include "add.h"
@@ -52,8 +53,8 @@ void addAccesses()
     add("read a string/peer", bareRead(ZOLVconfKey::OSDLanguage));
     add("read a string/ours", [value = std::string()]() mutable { ZOLSystemData::GetOSDLanguage(value); });
 
-    addOnThreads("reads/peer", bareRead);
-    addOnThreads("reads/ours",
+    addOnThreads("reads/peer", kThreadKeys, bareRead);
+    addOnThreads("reads/ours", kThreadKeys,
                  [](const char* key) { return [key, value = std::string()]() mutable { getString(key, value); }; });
 
     add("read an integer/peer", [] {
@@ -105,6 +106,20 @@ constexpr std::array<Callback, sizeof...(index)> makeCallbacks(std::index_sequen
 }
 constexpr auto kCallbacks = makeCallbacks(std::make_index_sequence<kMostCallbacks>());
 
+// A topic whose watcher the registry makes, as it does for every caller.
+struct Topic {
+    const char* key;
+    int (*add)(Callback, void*);
+    int (*remove)(Callback);
+};
+using Notify = ZOLSystemDataNotify;
+constexpr std::array<Topic, 4> kTopics{{
+    {ZOLVconfKey::ZOLLanguage, Notify::RegisterZOLLanguageCallback, Notify::UnregisterZOLLanguageCallback},
+    {ZOLVconfKey::OSDCountry, Notify::RegisterOSDCountryCallback, Notify::UnregisterOSDCountryCallback},
+    {ZOLVconfKey::WebAppInstall, Notify::RegisterWebAppInstallCallback, Notify::UnregisterWebAppInstallCallback},
+    {ZOLVconfKey::WebAppUninstall, Notify::RegisterWebAppUninstallCallback, Notify::UnregisterWebAppUninstallCallback},
+}};
+
 keynode_t changeOf(const char* key)
 {
     keynode_t node{};
@@ -114,13 +129,13 @@ keynode_t changeOf(const char* key)
     return node;
 }
 
-auto bareDelivery(const char* key, std::int64_t callbacks)
+auto bareDelivery(const Topic& topic, std::int64_t callbacks)
 {
     std::vector<CallbackNode> list;
     for (std::size_t i = 0; i < static_cast<std::size_t>(callbacks); ++i) {
         list.push_back({reinterpret_cast<void*>(kCallbacks[i]), &total});
     }
-    return [node = changeOf(key), list = std::move(list)] {
+    return [node = changeOf(topic.key), list = std::move(list)] {
         log("%s: %s[%d]\t DLOG_ERROR \"Vconf cb invoked : %s\"\n", node.keyname);
         for (const CallbackNode& each : list) {
             log("%s: %s[%d]\t DLOG_ERROR \"call cb (%p)\"\n", each.callback);
@@ -129,13 +144,31 @@ auto bareDelivery(const char* key, std::int64_t callbacks)
     };
 }
 
-auto delivery(const char* key, std::int64_t callbacks)
+// A watcher that belongs to nobody else.
+auto delivery(const Topic& topic, std::int64_t callbacks)
 {
-    auto watcher = std::make_unique<VconfCallbackGenerator>(DATA_TYPE_STRING, key);
+    auto watcher = std::make_unique<VconfCallbackGenerator>(DATA_TYPE_STRING, topic.key);
     for (std::size_t i = 0; i < static_cast<std::size_t>(callbacks); ++i) {
         watcher->RegisterCallback(reinterpret_cast<void*>(kCallbacks[i]), &total);
     }
-    return [node = changeOf(key), watcher = std::move(watcher)]() mutable {
+    return [node = changeOf(topic.key), watcher = std::move(watcher)]() mutable {
+        VconfCallbackGenerator::VconfCallbackMethod(&node, watcher.get());
+    };
+}
+
+// The topic's own watcher, which is kept alive during the delivery.
+auto registeredDelivery(const Topic& topic, std::int64_t callbacks)
+{
+    const auto count = static_cast<std::size_t>(callbacks);
+    for (std::size_t i = 0; i < count; ++i) {
+        topic.add(kCallbacks[i], &total);
+    }
+    const auto end = [=](void*) {
+        for (std::size_t i = 0; i < count; ++i) {
+            topic.remove(kCallbacks[i]);
+        }
+    };
+    return [node = changeOf(topic.key), watcher = std::shared_ptr<void>(platformSubscriber, end)]() mutable {
         VconfCallbackGenerator::VconfCallbackMethod(&node, watcher.get());
     };
 }
@@ -146,7 +179,7 @@ void addDelivery(const std::string& name, Make make)
     benchmark::RegisterBenchmark(name.c_str(),
                                  [=](benchmark::State& state) {
                                      repeat(state, name + '/' + std::to_string(state.range()),
-                                            make(ZOLVconfKey::ZOLLanguage, state.range()));
+                                            make(kTopics[0], state.range()));
                                  })
         ->RangeMultiplier(10)
         ->Range(1, kMostCallbacks);
@@ -156,8 +189,9 @@ void addDeliveries()
 {
     addDelivery("deliver/peer", bareDelivery);
     addDelivery("deliver/ours", delivery);
-    addOnThreads("deliveries/peer", [](const char* key) { return bareDelivery(key, 1); });
-    addOnThreads("deliveries/ours", [](const char* key) { return delivery(key, 1); });
+    addDelivery("deliver by topic/ours", registeredDelivery);
+    addOnThreads("deliveries/peer", kTopics, [](const Topic& topic) { return bareDelivery(topic, 1); });
+    addOnThreads("deliveries/ours", kTopics, [](const Topic& topic) { return registeredDelivery(topic, 1); });
 }
 
 // ---- the app list ---------------------------------------------------------------------------------------------------

@@ -6,6 +6,7 @@
 #include <cstring>
 
 const char* platformText = "";
+thread_local void* platformSubscriber = nullptr;
 
 int dlog_print(log_priority /*priority*/, const char* /*tag*/, const char* /*format*/, ...) { return 0; }
 
@@ -15,5 +16,9 @@ int vconf_get_int(const char* /*key*/, int* value) { return *value = 1, 0; }
 int vconf_set_int(const char* /*key*/, int /*value*/) { return 0; }
 int vconf_get_bool(const char* /*key*/, int* value) { return *value = 1, 0; }
 int vconf_set_bool(const char* /*key*/, int /*value*/) { return 0; }
-int vconf_notify_key_changed(const char* /*key*/, vconf_callback_fn /*handler*/, void* /*data*/) { return 0; }
+int vconf_notify_key_changed(const char* /*key*/, vconf_callback_fn /*handler*/, void* data)
+{
+    platformSubscriber = data;
+    return 0;
+}
 int vconf_ignore_key_changed(const char* /*key*/, vconf_callback_fn /*handler*/) { return 0; }

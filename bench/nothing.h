@@ -5,4 +5,7 @@
 /// What every string key holds. Writes are accepted and forgotten.
 extern const char* platformText;
 
+/// The user data of this thread's latest subscription.
+extern thread_local void* platformSubscriber;
+
 #endif

@@ -54,10 +54,10 @@ void addAccesses()
     for (const char* key : kThreadKeys) {
         require(vconf_set_str(key, "a text that is copied to the heap") == 0);
     }
-    addOnThreads("store: reads/ours",
+    addOnThreads("store: reads/ours", kThreadKeys,
                  [](const char* key) { return [key, value = std::string()]() mutable { getString(key, value); }; });
     // What threads share at the least: processors and the heap.
-    addOnThreads("store: reads/peer",
+    addOnThreads("store: reads/peer", kThreadKeys,
                  [](const char* key) { return [key] { benchmark::DoNotOptimize(std::string(key)); }; });
 #ifdef BENCH_ZOLCTL
     add("get, as a process/ours", [] { runProgram({BENCH_ZOLCTL, "get", "OSDLanguage"}); });

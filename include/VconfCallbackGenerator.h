@@ -11,7 +11,11 @@
 
 #include "ZOLExport.h"
 
+#if defined(__has_include) && __has_include(<vconf.h>)
+#include <vconf.h>  // keynode_t, under whatever tag the platform gives it
+#else
 struct keynode_t;
+#endif
 
 /// The type of a watched key's value, and with it the type of the callbacks.
 enum DataValueType : std::int32_t {
@@ -29,24 +33,21 @@ struct CallbackNode {
 /// Watches one vconf key for any number of callbacks: subscribes to the key when a callback arrives, hands every change
 /// to the callbacks in the order of their registration, and unsubscribes when the last one leaves.
 ///
-/// Threads: every member may be called from any thread, but nobody may still be inside RegisterCallback or
-/// UnregisterCallback when the watcher is destroyed. A change that arrives during or after the destruction is safe:
-/// the destructor waits for a dispatch that has begun, and a later one finds no watcher.
+/// Who makes a watcher must keep it for as long as vconf may call it or another thread may be inside one of its
+/// operations. There should be one watcher per key at a time: vconf tells subscriptions apart by their keys.
 ///
-/// Callbacks run with the watcher's lock held; ZOLSystemDataNotify tells what they may do. There should be one watcher
-/// per key at a time, because a subscription is told apart by its key alone.
+/// Threads: every member may be called from any thread. Callbacks run with the watcher's lock held, so they must not
+/// register or unregister on it; ZOLSystemDataNotify tells what else they may do.
 ///
 /// Errors are reported by results and in the log under the tag "libZOL".
 class ZOL_API VconfCallbackGenerator {
 public:
     /// Makes a watcher without callbacks, not subscribed yet.
     /// @param type  How the key's value is read. With a value that is none of the enumerators no callback is called.
-    /// @param path  The key; it is copied.
-    /// Throws nothing but std::bad_alloc.
+    /// @param path  The key; it is copied. Throws nothing but std::bad_alloc.
     VconfCallbackGenerator(DataValueType type, const std::string& path);
 
-    /// Forgets the callbacks. A subscription that still stands is left in place. Must not be called from a callback of
-    /// this watcher.
+    /// Waits for callbacks that run, and forgets all. A subscription that still stands is left in place.
     ~VconfCallbackGenerator();
 
     VconfCallbackGenerator(const VconfCallbackGenerator&) = delete;
@@ -65,9 +66,9 @@ public:
     ///         vconf refuses, the callback is gone all the same and the watcher stays subscribed.
     int UnregisterCallback(void* callback);
 
-    /// Hands a change to the callbacks of the watcher `userData`. vconf calls it; it throws nothing.
+    /// Hands a change to the callbacks of a watcher. vconf calls it. What callbacks throw is caught and logged.
     /// @param node      The key and its new value, read according to the watcher's type.
-    /// @param userData  The watcher. A pointer to a watcher that is gone is recognised and ignored.
+    /// @param userData  The watcher. One of ZOLSystemDataNotify may be gone already; then nobody is called.
     static void VconfCallbackMethod(keynode_t* node, void* userData);
 
     /// @return the key.
@@ -77,10 +78,6 @@ public:
     bool IsExistVconfCallback();
 
 private:
-    friend class WatcherCensus;
-
-    void forgetCallbacks();
-
     std::vector<CallbackNode*> nodeList;  // in the order of registration
     std::string vconfPath;
     std::mutex listMutex;

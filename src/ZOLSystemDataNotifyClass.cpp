@@ -3,18 +3,28 @@
 #include <pthread.h>
 
 #include <cstddef>
-#include <cstdlib>
+#include <cstdint>
 #include <iterator>
 #include <mutex>
+#include <new>
+#include <type_traits>
 
-#include "VconfCallback/WatcherCensus.h"
+#include "VconfCallback/WatcherUse.h"  // describes the locks
 #include "VconfCallbackGenerator.h"
 #include "ZOLVconfKeys.h"
 #include "log.h"
 
-// The locks are described in VconfCallback/WatcherCensus.h.
-
 namespace key = ZOLVconfKey;
+
+// A topic's watcher and what its key lock protects. On cache lines of its own: topics do not slow each other down.
+struct alignas(64) WatcherSlot {
+    std::mutex keyLock;
+    int users = 0;                              // operations and dispatches inside the watcher
+    const char* releaseFor = nullptr;           // the unregister operation that wants the watcher released
+    VconfCallbackGenerator* watcher = nullptr;  // in one of the places, which are used in turn
+    unsigned made = 0;
+    std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> places[2];
+};
 
 namespace {
 
@@ -39,101 +49,25 @@ constexpr Topic kTopics[] = {
     {key::ZOLMultipleMode, DATA_TYPE_BOOL},
 };
 
-// The row of a key, which is named by the very constant that stands in the table. A key without a row does not compile.
-constexpr std::size_t findRow(const char* path)
-{
+// The row of a key, named by the very constant that stands in the table. A key without a row does not compile.
+template <const char* path>
+constexpr std::size_t rowOf = [] {
     std::size_t row = 0;
-    while (kTopics[row].key != path) {
-        ++row;
+    for (; kTopics[row].key != path; ++row) {
     }
     return row;
-}
-template <const char* path>
-constexpr std::size_t rowOf = findRow(path);
-
-// A topic's watcher, protected by the key lock. It is not destroyed while operations are inside it; the unregister
-// operation that finds it in use leaves its name, so that the last one out looks again.
-struct Slot {
-    std::mutex lock;
-    int inside = 0;
-    VconfCallbackGenerator* watcher = nullptr;
-    const char* releaseFor = nullptr;
-};
+}();
 
 // Never destroyed, like the watchers in them: callbacks may still come while the process ends.
-Slot slots[std::size(kTopics)];
+WatcherSlot slots[std::size(kTopics)];
 
-// Without these a child could find a lock taken for ever by a thread that it does not have.
-void lockAll()
+// The slot that an address lies in, or null.
+WatcherSlot* slotAt(const void* address)
 {
-    for (Slot& slot : slots) {
-        slot.lock.lock();
-    }
-    WatcherCensus::lockAll();
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): only as numbers can unrelated addresses be compared
+    const auto offset = reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(slots);
+    return offset < sizeof slots ? &slots[offset / sizeof(WatcherSlot)] : nullptr;
 }
-
-void unlockAll()
-{
-    WatcherCensus::unlockAll();
-    for (Slot& slot : slots) {
-        slot.lock.unlock();
-    }
-}
-
-void startAfreshInChild()
-{
-    WatcherCensus::startAllAfreshInChild();
-    for (Slot& slot : slots) {
-        slot.inside = 0;  // the threads that were inside are not in the child, nor are those that asked for a release
-        slot.releaseFor = nullptr;
-    }
-    unlockAll();
-}
-
-// When the library is loaded, before any thread can fork beside an operation.
-[[gnu::constructor]] void setUpFork()
-{
-    if (pthread_atfork(lockAll, unlockAll, startAfreshInChild) != 0) {
-        std::abort();  // out of memory before the program has even begun
-    }
-}
-
-// Releases a watcher that stopped watching, on behalf of an unregister operation. The last operation to leave the
-// watcher does it; the key lock is held.
-void releaseIfWanted(Slot& slot)
-{
-    if (slot.inside > 0) {
-        return;
-    }
-    if (slot.releaseFor != nullptr && slot.watcher != nullptr && !slot.watcher->IsExistVconfCallback()) {
-        dlog_print(ZOL_LINE_OF(slot.releaseFor, "Remove callbackGenerator"));
-        delete slot.watcher;
-        slot.watcher = nullptr;
-    }
-    slot.releaseFor = nullptr;
-}
-
-// Leaves the watcher at the end of an operation, also when the thread is cancelled.
-class Leaving {
-public:
-    /// @param releaseFor  The operation that asks for a release, or null.
-    Leaving(Slot& slot, const char* releaseFor) : slot_(slot), releaseFor_(releaseFor) {}
-    ~Leaving()
-    {
-        const std::lock_guard<std::mutex> guard(slot_.lock);
-        --slot_.inside;
-        if (releaseFor_ != nullptr) {
-            slot_.releaseFor = releaseFor_;
-        }
-        releaseIfWanted(slot_);
-    }
-    Leaving(const Leaving&) = delete;
-    Leaving& operator=(const Leaving&) = delete;
-
-private:
-    Slot& slot_;
-    const char* releaseFor_;
-};
 
 template <class Callback>
 void* untyped(Callback callback)
@@ -142,39 +76,70 @@ void* untyped(Callback callback)
     return reinterpret_cast<void*>(callback);
 }
 
-// Not inlined, as nothing is gained by two dozen copies.
+// This and the next are not inlined, as nothing is gained by two dozen copies.
 [[gnu::noinline]] int add(std::size_t row, const char* operation, void* callback, void* userData)
 {
-    Slot& slot = slots[row];
-    VconfCallbackGenerator* watcher = nullptr;
-    {
-        const std::lock_guard<std::mutex> guard(slot.lock);
-        if (slot.watcher == nullptr) {
-            const Topic& topic = kTopics[row];
-            dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), topic.key);
-            slot.watcher = new VconfCallbackGenerator(topic.type, topic.key);
-        }
-        watcher = slot.watcher;
-        ++slot.inside;
+    WatcherSlot& slot = slots[row];
+    std::unique_lock<std::mutex> guard(slot.keyLock);
+    if (slot.watcher == nullptr) {
+        const Topic& topic = kTopics[row];
+        dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), topic.key);
+        slot.watcher = new (&slot.places[slot.made++ % 2]) VconfCallbackGenerator(topic.type, topic.key);
     }
-    const Leaving leaving(slot, nullptr);
-    return watcher->RegisterCallback(callback, userData);
+    const WatcherUse use(slot, nullptr);
+    guard.unlock();
+    return use.watcher()->RegisterCallback(callback, userData);
 }
 
 [[gnu::noinline]] int remove(std::size_t row, const char* operation, void* callback)
 {
-    Slot& slot = slots[row];
-    VconfCallbackGenerator* watcher = nullptr;
-    {
-        const std::lock_guard<std::mutex> guard(slot.lock);
-        watcher = slot.watcher;
-        ++slot.inside;
-    }
-    const Leaving leaving(slot, operation);
-    return __unRegisterVconfCallback(watcher, callback, slot.lock);
+    WatcherSlot& slot = slots[row];
+    std::unique_lock<std::mutex> guard(slot.keyLock);
+    const WatcherUse use(slot, operation);
+    guard.unlock();
+    return __unRegisterVconfCallback(use.watcher(), callback, slot.keyLock);
 }
 
 }  // namespace
+
+WatcherUse::WatcherUse(void* address) : slot_(slotAt(address)), watcher_(static_cast<VconfCallbackGenerator*>(address))
+{
+    if (slot_ != nullptr) {
+        const std::lock_guard<std::mutex> guard(slot_->keyLock);
+        ++slot_->users;
+        watcher_ = slot_->watcher == address ? slot_->watcher : nullptr;
+    }
+}
+
+WatcherUse::WatcherUse(WatcherSlot& slot, const char* unregistration)
+    : slot_(&slot), watcher_(slot.watcher), unregistration_(unregistration)
+{
+    ++slot.users;
+}
+
+WatcherUse::~WatcherUse()
+{
+    if (slot_ == nullptr) {
+        return;
+    }
+    const std::lock_guard<std::mutex> guard(slot_->keyLock);
+    const char*& releaseFor = slot_->releaseFor;
+    if (unregistration_ != nullptr) {
+        releaseFor = unregistration_;
+    }
+    if (--slot_->users > 0 || releaseFor == nullptr) {
+        return;
+    }
+    if (slot_->watcher != nullptr && !slot_->watcher->IsExistVconfCallback()) {
+        int cancelState = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);  // a thread may be cancelled in a log line
+        dlog_print(ZOL_LINE_OF(releaseFor, "Remove callbackGenerator"));
+        slot_->watcher->~VconfCallbackGenerator();
+        slot_->watcher = nullptr;
+        pthread_setcancelstate(cancelState, nullptr);
+    }
+    releaseFor = nullptr;
+}
 
 int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, std::mutex& /*keyLock*/)
 {

@@ -49,10 +49,13 @@ inline void inChild(const std::function<void()>& body)
               })));
 }
 
-// Lets processes or threads wait for each other: one token a byte. Is never closed, since there are few.
+// Lets processes or threads wait for each other: one token a byte.
 class Gate {
 public:
     Gate() { REQUIRE(pipe(ends_) == 0); }
+    ~Gate() { REQUIRE(close(ends_[0]) + close(ends_[1]) == 0); }
+    Gate(const Gate&) = delete;
+    Gate& operator=(const Gate&) = delete;
     void open() const { REQUIRE(write(ends_[1], "x", 1) == 1); }
     void pass() const
     {

@@ -1,53 +1,25 @@
-// Memory that runs out at any point, and a platform that refuses any of its calls.
-//
-// This makes two programs: over the platform mock, whose own memory is spared, the library starves alone; with ON_DESK
-// it is the desk's store and log that starve as well.
+// Memory that runs out at any point, and a platform that refuses any of its calls. The library starves alone: the
+// memory of the platform mock is spared.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <filesystem>
 #include <iterator>
 #include <new>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "ZOLTypedKeys.h"
 #include "capi-zol-tv.h"
 #include "child.h"
-#ifdef ON_DESK
-#include <vconf.h>
-namespace mock {
-static thread_local int inside = 0;
-static void reset() {}
-static std::vector<std::string> takeEvents() { return {}; }
-}  // namespace mock
-constexpr bool kOnDesk = true;
-#else
 #include "platform_mock.h"
-constexpr bool kOnDesk = false;
-#endif
 
 extern std::atomic<int> failingAllocation;
 
-static thread_local bool runsOperations = false;
-static bool othersStarve = false;
-static void (*onAllocation)() = nullptr;
-bool isCounted();
-__attribute__((no_sanitize("thread"))) bool isCounted()  // a thread allocates before it is known there
-{
-    // cppcheck-suppress knownConditionTrueFalse ; the mock changes it
-    const bool counted = runsOperations != othersStarve && mock::inside == 0;
-    if (counted && onAllocation != nullptr) {
-        onAllocation();
-    }
-    return counted;
-}
+static bool runsOperation = false;  // on this thread, the only one
+bool isCounted() { return runsOperation && mock::inside == 0; }
 
 using namespace std::string_literals;
 
@@ -80,7 +52,7 @@ std::string text;
 int number;
 std::vector<std::string> apps;
 
-std::atomic<int> told[2];
+int told[2];
 template <int which>
 void on(std::string value, void* /*data*/)
 {
@@ -89,38 +61,12 @@ void on(std::string value, void* /*data*/)
 bool add(ZOLStringCallback callback) { return ZOLSystemDataNotifyRegisterOSDCountryCallback(callback, nullptr) == 1; }
 bool remove(ZOLStringCallback callback) { return ZOLSystemDataNotifyUnregisterOSDCountryCallback(callback) == 1; }
 
-#ifdef ON_DESK
-// Waits until all earlier writes have been delivered.
-void settle()
-{
-    static std::atomic<int> seen;
-    static pid_t subscriber = 0;
-    if (std::exchange(subscriber, getpid()) != getpid()) {
-        const auto see = [](keynode_t* node, void*) { seen = node->value.i; };
-        REQUIRE(vconf_notify_key_changed("db/last", see, nullptr) == 0);
-    }
-    int last = 0;
-    vconf_get_int("db/last", &last);
-    REQUIRE(vconf_set_int("db/last", last + 1) == 0);
-    while (seen <= last) {
-        std::this_thread::yield();
-    }
-}
-#endif
-
 // Changes the watched key. One of the callbacks may go without for lack of memory.
+const mock::Value kChange = mock::text(kText);
 void change()
 {
-#ifdef ON_DESK
-    settle();
     told[0] = told[1] = 0;
-    REQUIRE(vconf_set_str(kCountry.c_str(), kText) == 0);
-    settle();
-#else
-    told[0] = told[1] = 0;
-    static const mock::Value value = mock::text(kText);
-    mock::fire(kCountry, value);
-#endif
+    mock::fire(kCountry, kChange);
 }
 bool deliver()
 {
@@ -134,7 +80,6 @@ struct Operation {
     const char* name;
     bool (*run)();
     std::vector<std::string> ways;  // in which it fails for lack of memory
-    bool cold = false;              // is starved also as the process's first use of the store and of the library
     int callbacks = 0;              // that are registered before
     std::string list = longList(kApp);
 };
@@ -144,21 +89,21 @@ const char* const kNoRoom = "Fail to grow nodeList";
 
 // The flat forms go through those of the classes.
 const Operation operations[] = {
-    {"getString", [] { return ZOLSystemDataGetZOLLanguage(text); }, {kThrows}, true},
+    {"getString", [] { return ZOLSystemDataGetZOLLanguage(text); }, {kThrows}},
     {"setString", [] { return ZOLSystemDataSetZOLLanguage(kOther); }, {kThrows}},
     {"getInt", [] { return ZOLSystemDataGetBackgroundVolume(number); }, {}},
-    {"setInt", [] { return setInt(kVolatile.c_str(), 4); }, {}, true},
+    {"setInt", [] { return setInt(kVolatile.c_str(), 4); }, {}},
     {"getBool", ZOLSystemDataGetZOLActivated, {}},
     {"setBool", [] { return ZOLSystemDataSetZOLActivated(false); }, {}},
-    {"a new list", enable, {kThrows}, false, 0, "no list"},
+    {"a new list", enable, {kThrows}, 0, "no list"},
     {"an entry changed", enable, {kThrows}},
-    {"an entry added", enable, {kThrows}, false, 0, longList("another")},
+    {"an entry added", enable, {kThrows}, 0, longList("another")},
     {"the list read", [] { return ZOLSystemDataGetZOLConcurrentAppList(apps); }, {kThrows}},
-    {"the first callback added", [] { return add(on<0>); }, {kThrows, kNoNode, kNoRoom}, true},
-    {"another callback added", [] { return add(on<1>); }, {kNoNode, kNoRoom}, false, 1},
-    {"a callback removed", [] { return remove(on<0>); }, {}, false, 2},
-    {"the last callback removed", [] { return remove(on<0>); }, {}, false, 1},
-    {"a delivery", deliver, {"exception in cb"}, false, 2},
+    {"the first callback added", [] { return add(on<0>); }, {kThrows, kNoNode, kNoRoom}},
+    {"another callback added", [] { return add(on<1>); }, {kNoNode, kNoRoom}, 1},
+    {"a callback removed", [] { return remove(on<0>); }, {}, 2},
+    {"the last callback removed", [] { return remove(on<0>); }, {}, 1},
+    {"a delivery", deliver, {"exception in cb"}, 2},
 };
 
 void fill(const Operation& operation)
@@ -212,81 +157,49 @@ void undo()
 
 // Runs the operation with the n-th allocation failing, and returns kStarved, or 0 when there was none to fail.
 constexpr int kStarved = 9;
-int starve(const Operation& operation, int n, bool warm)
+int starve(const Operation& operation, int n)
 {
-    const auto works = [&] {
-        fill(operation);
-        prepare(operation);
-        return operation.run();
-    };
-    if (warm) {
-        REQUIRE(works());
-        undo();
-    }
-    if (warm || !kOnDesk) {
-        fill(operation);
-    }
+    fill(operation);
     prepare(operation);
-    runsOperations = true;
-    othersStarve = kOnDesk && operation.run == deliver;
     const char* result = kThrows;
+    runsOperation = true;
     failingAllocation = n;
     try {
         result = operation.run() ? "done" : "failed";
     } catch (const std::bad_alloc&) {
     }
     const bool starved = failingAllocation.exchange(0) == 0;
+    runsOperation = false;
     std::string outcome = result;
     for (const std::string& event : mock::takeEvents()) {
         outcome += event;
     }
 
     const std::string now = state();
-    REQUIRE(finish(start([&] {
-                mock::reset();
-                _exit(works() ? 0 : 1);
-            })) == 0);
-    REQUIRE(works());  // as it does in the child, so no lock is held
     undo();
     fill(operation);
     prepare(operation);
     const std::string before = state();
-    const bool foundNoList = kOnDesk && operation.run == enable && now == withFreshList(before, operation);
-    REQUIRE(operation.run());
-    // The desk's store may have refused a write of which setString cannot tell.
-    REQUIRE(result == "done"s ? now == state() || foundNoList || (kOnDesk && now == before) : now == before);
+    REQUIRE(operation.run());  // so no lock is held
+    REQUIRE(now == (result == "done"s ? state() : before));
     undo();
-    // The desk's store answers with a failure, and its log may lose a line.
-    REQUIRE(!starved || (kOnDesk && result != kThrows) ||
-            std::any_of(operation.ways.begin(), operation.ways.end(),
-                        [&](const std::string& each) { return outcome.find(each) != std::string::npos; }));
+    REQUIRE(!starved || std::any_of(operation.ways.begin(), operation.ways.end(),
+                                    [&](const std::string& each) { return outcome.find(each) != std::string::npos; }));
     return starved ? kStarved : 0;
 }
 
 TEST(Starved, LeavesTheStateOfBeforeOrAfterAndNothingElse)
 {
-    char scratch[] = "/dev/shm/zol-test-XXXXXX";  // nothing waits for a disk there
-    ASSERT_NE(nullptr, mkdtemp(scratch));
-    setenv("ZOL_VCONF_DIR", (scratch + "/store"s).c_str(), 1);
-    setenv("ZOL_DLOG", (scratch + "/log"s).c_str(), 1);
     for (const Operation& operation : operations) {
-        for (int warm = operation.cold ? 0 : 1; warm <= 1; ++warm) {
-            int n = 0, code = 0;
-            do {
-                if (kOnDesk && warm == 0) {
-                    std::filesystem::remove_all(scratch + "/store"s);
-                    inChild([&] { fill(operation); });
-                }
-                ++n;
-                code = finish(start([&] { std::exit(starve(operation, n, warm == 1)); }));
-            } while (code == kStarved);
-            EXPECT_EQ(0, code) << operation.name << ", warm " << warm << ", allocation " << n;
-        }
+        int n = 0, code = 0;
+        do {
+            ++n;
+            code = finish(start([&] { std::exit(starve(operation, n)); }));
+        } while (code == kStarved);
+        EXPECT_EQ(0, code) << operation.name << ", allocation " << n;
     }
-    std::filesystem::remove_all(scratch);
 }
 
-#ifndef ON_DESK
 TEST(Refused, EachCallInTurnGivesItsResultAndState)
 {
     for (const Operation& operation : operations) {
@@ -301,7 +214,9 @@ TEST(Refused, EachCallInTurnGivesItsResultAndState)
                 before = state();
             }
             mock::takeEvents();
-            mock::Locked()->refuseAt = static_cast<int>(i);
+            if (i > 0) {
+                mock::refuse(whole[i - 1]);
+            }
             const bool result = operation.run();
             const mock::Events events = mock::takeEvents();
             const std::string now = state();
@@ -324,36 +239,5 @@ TEST(Refused, EachCallInTurnGivesItsResultAndState)
         }
     }
 }
-
-// Another thread's fork() would take a list that is being changed to the child.
-TEST(Growing, AListOfCallbacksMakesForkWait)
-{
-    inChild([] {
-        static Gate begin;
-        static std::atomic<bool> forked{false};
-        static int allocations = 0;
-        REQUIRE(add(on<0>));
-        std::thread forker([] {
-            begin.pass();
-            const pid_t child = start([] { _exit(0); });
-            forked = true;
-            REQUIRE(finish(child) == 0);
-        });
-        onAllocation = [] {
-            if (++allocations == 2) {  // the first one is the callback's node
-                begin.open();
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                REQUIRE(!forked);
-            }
-        };
-        runsOperations = true;
-        failingAllocation = 100;
-        REQUIRE(add(on<1>));
-        failingAllocation = 0;
-        forker.join();
-        REQUIRE(allocations == 2 && forked);
-    });
-}
-#endif
 
 }  // namespace

@@ -2,11 +2,13 @@
 // or is reported by a sanitizer when the protection that it is about is taken away.
 
 #include <gmock/gmock.h>
+#include <pthread.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -14,7 +16,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <utility>
 
 #include "VconfCallbackGenerator.h"
 #include "ZOLSystemDataNotify.h"
@@ -27,36 +28,35 @@ using mock::Events;
 
 namespace {
 
-std::mutex toldLock;
-std::vector<std::string>& told = *new std::vector<std::string>;  // never destroyed: some tests deliver to the very end
-
-std::vector<std::string> takeTold()
-{
-    const std::lock_guard<std::mutex> guard(toldLock);
-    return std::exchange(told, {});
-}
-
 class NotifyTest : public testing::Test {
-    void SetUp() override
-    {
-        mock::reset();
-        takeTold();
-    }
+    void SetUp() override { mock::reset(); }
 };
 
-// Writes down "value data"; the user data is a text. The number makes distinct callbacks.
+// Notes "value data" among the events; the user data is a text. The number makes distinct callbacks.
 template <class Value, int>
 void on(Value value, void* data)
 {
     std::ostringstream text;
     text << std::boolalpha << value << " " << static_cast<const char*>(data);
-    const std::lock_guard<std::mutex> guard(toldLock);
-    told.push_back(text.str());
+    mock::note(text.str());
 }
 constexpr auto onText = on<std::string, 1>;
 constexpr auto onTextToo = on<std::string, 2>;
 char one[] = "one";
 char two[] = "two";
+char three[] = "three";
+
+// What the callbacks noted since the events were last taken.
+Events told()
+{
+    Events noted;
+    for (const std::string& event : mock::takeEvents()) {
+        if (event.find(".cpp: ") == std::string::npos && event.find("vconf_") != 0) {
+            noted.push_back(event);
+        }
+    }
+    return noted;
+}
 
 template <class Callback>
 void* untyped(Callback callback)
@@ -72,6 +72,7 @@ std::string watcherLine(const std::string& function, const std::string& message)
 std::string added(const std::string& message) { return watcherLine("RegisterCallback", message); }
 std::string removed(const std::string& message) { return watcherLine("UnregisterCallback", message); }
 std::string delivered(const std::string& message) { return watcherLine("VconfCallbackMethod", message); }
+std::string invoked(const std::string& key) { return delivered("Vconf cb invoked : " + key); }
 
 std::string calling(void* callback)
 {
@@ -83,13 +84,18 @@ std::string calling(void* callback)
 const std::string kRemoving = "VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"";
 const std::string kEnd = "VconfCallbackGenerator.cpp: ~VconfCallbackGenerator: \"Start\"";
 const std::string kSuccess = added("RegisterCallback SUCCESS");
+const std::string kUnsubscribed = delivered("isExistVconfCallback is FALSE");
+
+std::string creating(const std::string& topic, const std::string& key)
+{
+    return mock::line(kRegistry, "Register" + topic + "Callback", "Create VconfCallbackGenerator : " + key);
+}
 
 // The making of a topic's watcher, and then some.
 Events created(const std::string& topic, const std::string& key, int type, const Events& more)
 {
-    Events all = {
-        mock::line(kRegistry, "Register" + topic + "Callback", "Create VconfCallbackGenerator : " + key),
-        watcherLine("VconfCallbackGenerator", "VconfCallbackGenerator type(" + std::to_string(type) + ") : " + key)};
+    Events all = {creating(topic, key), watcherLine("VconfCallbackGenerator", "VconfCallbackGenerator type(" +
+                                                                                  std::to_string(type) + ") : " + key)};
     all.insert(all.end(), more.begin(), more.end());
     return all;
 }
@@ -109,41 +115,42 @@ void step(int expected, int result, const Events& events, int line = __builtin_L
     mock::did(events, line);
 }
 
-template <class Callback>
+template <class Value>
 struct Kind {
     int type = 0;
-    Callback first = nullptr, second = nullptr;
     std::vector<std::pair<mock::Value, std::string>> values;  // and what the callbacks are told
 };
 
-template <class Callback>
-void watchTopic(const Kind<Callback>& kind, const std::string& name, const std::string& key,
-                int (*add)(Callback, void*), int (*remove)(Callback))
+template <class Value, class Callback = void (*)(Value, void*)>
+void watchTopic(const Kind<Value>& kind, const std::string& name, const std::string& key, int (*add)(Callback, void*),
+                int (*remove)(Callback))
 {
     SCOPED_TRACE(name);
-    step(0, remove(kind.first), {});
-    step(1, add(kind.first, one), created(name, key, kind.type, {"vconf_notify_key_changed " + key, kSuccess}));
-    step(1, add(kind.first, two), {added("failed to register callback, it is already existed")});
-    step(1, add(kind.second, two), {kSuccess});
-    mock::takeEvents();
-    for (const auto& [value, expected] : kind.values) {
-        EXPECT_EQ(1, mock::fire(key, value));
-        EXPECT_EQ(Events({expected + " one", expected + " two"}), takeTold());
-        mock::did(
-            {delivered("Vconf cb invoked : " + key), calling(untyped(kind.first)), calling(untyped(kind.second))});
+    const Callback first = on<Value, 1>, second = on<Value, 2>, third = on<Value, 3>;
+    step(0, remove(first), {});
+    step(1, add(first, one), created(name, key, kind.type, {"vconf_notify_key_changed " + key, kSuccess}));
+    step(1, add(first, two), {added("failed to register callback, it is already existed")});
+    step(1, add(second, two), {kSuccess});
+    step(1, add(third, three), {kSuccess});
+    for (const auto& [value, text] : kind.values) {
+        step(1, mock::fire(key, value),
+             {invoked(key), calling(untyped(first)), text + " one", calling(untyped(second)), text + " two",
+              calling(untyped(third)), text + " three"});
     }
-    step(1, remove(kind.first), {kRemoving});
-    step(0, remove(kind.first), {kRemoving, removed("Can't find registered callback")});
-    step(1, remove(kind.second),
+    step(1, remove(second), {kRemoving});
+    step(0, remove(second), {kRemoving, removed("Can't find registered callback")});
+    mock::fire(key, kind.values[0].first);
+    EXPECT_EQ(Events({kind.values[0].second + " one", kind.values[0].second + " three"}), told());
+    step(1, remove(third), {kRemoving});
+    step(1, remove(first),
          released(name, {kRemoving, removed("nodeList is empty, call "), "vconf_ignore_key_changed " + key}));
 }
 
 TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
 {
-    const Kind<ZOLStringCallback> text = {2, onText, onTextToo, {{mock::text("[]"), "[]"}, {mock::text(""), ""}}};
-    const Kind<ZOLIntCallback> number = {1, on<int, 1>, on<int, 2>, {{mock::integer(-5), "-5"}}};
-    const Kind<ZOLBoolCallback> toggle = {
-        0, on<bool, 1>, on<bool, 2>, {{boolean(1), "true"}, {boolean(0), "false"}, {boolean(2), "false"}}};
+    const Kind<std::string> text = {2, {{mock::text("[]"), "[]"}, {mock::text(""), ""}}};
+    const Kind<int> number = {1, {{mock::integer(-5), "-5"}}};
+    const Kind<bool> toggle = {0, {{boolean(1), "true"}, {boolean(0), "false"}, {boolean(2), "false"}}};
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one topic.
 #define TOPIC(kind, name, key)                                                  \
     watchTopic(kind, #name, key, ZOLSystemDataNotify::Register##name##Callback, \
@@ -190,31 +197,117 @@ TEST_F(NotifyTest, RefusalsAreAnsweredAndTheWatcherStaysOrGoes)
     step(0, removeLanguage(onText), {kRemoving, removed("NodeList is emptry")});
     step(1, addLanguage(onTextToo, two), {kSuccess});  // it is still subscribed
     step(1, removeLanguage(onTextToo), releases({kRemoving, empty, kIgnore}));
-    step(0, __unRegisterVconfCallback(nullptr, one, toldLock), {});
+    std::mutex keyLock;
+    step(0, __unRegisterVconfCallback(nullptr, one, keyLock), {});
 }
+
+void at(const std::string& event, const std::function<void()>& act)
+{
+    mock::setHook([=](const std::string& each) {
+        if (each == event) {
+            act();
+        }
+    });
+}
+
+using Watcher = VconfCallbackGenerator;
 
 TEST_F(NotifyTest, EventsThatCannotBeDeliveredAreLoggedAndCallNobody)
 {
-    keynode_t node{"db/k", VCONF_TYPE_STRING, {}};
-    VconfCallbackGenerator text(DATA_TYPE_STRING, "db/k");
-    VconfCallbackGenerator odd(static_cast<DataValueType>(3), "db/odd");
-    const auto logs = [&node](void* watcher, const std::string& message) {
+    keynode_t node{"db/k", -1, {}};
+    Watcher text(DATA_TYPE_STRING, "db/k");
+    Watcher odd(static_cast<DataValueType>(3), "db/odd");
+    const auto logs = [&node](void* watcher, const Events& more) {
+        Events all = {invoked("db/k")};
+        all.insert(all.end(), more.begin(), more.end());
         mock::takeEvents();
-        VconfCallbackGenerator::VconfCallbackMethod(&node, watcher);
-        mock::did({delivered("Vconf cb invoked : db/k"), delivered(message)});
+        Watcher::VconfCallbackMethod(&node, watcher);
+        mock::did(all);
     };
     EXPECT_EQ("db/k", text.GetVconfPath());
     mock::takeEvents();
-    VconfCallbackGenerator::VconfCallbackMethod(nullptr, &text);
+    Watcher::VconfCallbackMethod(nullptr, &text);
     mock::did({delivered("vconf keynode_t is NULL")});
-    logs(nullptr, "This can not be a null pointer");
-    logs(&text, "isExistVconfCallback is FALSE");
+    logs(nullptr, {delivered("This can not be a null pointer")});
+    logs(&text, {kUnsubscribed});
+    at("vconf_notify_key_changed db/k", [&] { logs(&text, {kUnsubscribed}); });  // a store that calls back at once
     EXPECT_EQ(1, text.RegisterCallback(untyped(onText), one));
     EXPECT_EQ(1, odd.RegisterCallback(untyped(onText), one));
     EXPECT_TRUE(text.IsExistVconfCallback());
-    logs(&text, "vconf keynode_t has no text");
-    logs(&odd, "Unknown Type");
-    EXPECT_EQ(Events(), takeTold());
+    logs(&text, {delivered("vconf keynode_t has no text")});
+    logs(&odd, {delivered("Unknown Type")});
+    for (Watcher* each : {&text, &odd}) {
+        mock::refuse("vconf_ignore_key_changed");
+        EXPECT_EQ(0, each->UnregisterCallback(untyped(onText)));
+    }
+    logs(&text, {});
+    logs(&odd, {delivered("Unknown Type")});
+}
+
+TEST_F(NotifyTest, EveryCallbackIsToldTheValueThatTheEventCameWith)
+{
+    for (const DataValueType type : {DATA_TYPE_INT, DATA_TYPE_STRING}) {
+        keynode_t node{"db/k", -1, {1, "1"}};
+        const ZOLStringCallback changeText = [](std::string, void* of) { static_cast<keynode_t*>(of)->value.s = "2"; };
+        const ZOLIntCallback changeNumber = [](int, void* of) { static_cast<keynode_t*>(of)->value.i = 2; };
+        Watcher watcher(type, "db/k");
+        watcher.RegisterCallback(type == DATA_TYPE_INT ? untyped(changeNumber) : untyped(changeText), &node);
+        watcher.RegisterCallback(type == DATA_TYPE_INT ? untyped(on<int, 1>) : untyped(onText), one);
+        Watcher::VconfCallbackMethod(&node, &watcher);
+        EXPECT_EQ(Events{"1 one"}, told());
+    }
+}
+
+// An event is for the watcher that it is handed to, under whatever name and whoever was at that address before.
+TEST_F(NotifyTest, EarlierWatchersTakeNoEventsAway)
+{
+    alignas(Watcher) unsigned char place[sizeof(Watcher)];
+    for (const bool subscribed : {true, true, false}) {
+        auto* watcher = new (place) Watcher(DATA_TYPE_STRING, subscribed ? "db/a" : "db/b");
+        if (subscribed) {
+            watcher->RegisterCallback(untyped(onText), one);
+        }
+        mock::takeEvents();
+        mock::deliver({"db/a", Watcher::VconfCallbackMethod, watcher}, mock::text("x"));
+        mock::did(subscribed ? Events{invoked("db/a"), calling(untyped(onText)), "x one"}
+                             : Events{invoked("db/a"), kUnsubscribed});
+        watcher->UnregisterCallback(untyped(onText));
+        watcher->~Watcher();
+    }
+    addLanguage(onText, one);
+    removeLanguage(onText);
+    ZOLSystemDataNotify::RegisterOSDCountryCallback(onText, two);
+    mock::Subscription country = mock::Locked()->attempted;
+    country.key = kLanguage;
+    mock::takeEvents();
+    mock::deliver(country, mock::text("x"));
+    EXPECT_EQ(Events{"x two"}, told());
+    ZOLSystemDataNotify::UnregisterOSDCountryCallback(onText);
+}
+
+// Programs that were built with the class know where its members are.
+TEST_F(NotifyTest, TheMembersOfAWatcherAreInTheirOrder)
+{
+    struct Members {
+        std::vector<CallbackNode*> nodeList;
+        std::string vconfPath;
+        std::mutex listMutex;
+        std::atomic<bool> isExistVconfCallback;
+        DataValueType valueType;
+    };
+    static_assert(sizeof(Members) == sizeof(Watcher));
+    Watcher watcher(DATA_TYPE_STRING, "db/k");
+    watcher.RegisterCallback(untyped(onText), one);
+    const auto& members = reinterpret_cast<Members&>(watcher);
+    EXPECT_EQ("db/k", members.vconfPath);
+    EXPECT_TRUE(members.isExistVconfCallback);
+    EXPECT_EQ(DATA_TYPE_STRING, members.valueType);
+    ASSERT_EQ(1U, members.nodeList.size());
+    CallbackNode& node = *members.nodeList[0];
+    EXPECT_TRUE(node.callback == untyped(onText) && node.userData == one);
+    node.callback = nullptr;  // is passed over
+    mock::fire("db/k", mock::text("x"));
+    EXPECT_EQ(Events(), told());
 }
 
 // ---- hazards --------------------------------------------------------------------------------------------------------
@@ -236,15 +329,6 @@ void slow(std::string, void* stop) { static_cast<Stop*>(stop)->reach(); }
 
 // Gives another thread a chance to run to where it has to wait. Nothing depends on its having got there.
 void giveWay() { std::this_thread::sleep_for(std::chrono::microseconds(100)); }
-
-void at(const std::string& event, const std::function<void()>& act)
-{
-    mock::setHook([=](const std::string& each) {
-        if (each == event) {
-            act();
-        }
-    });
-}
 
 void runAtOnce(const std::vector<std::function<void()>>& bodies)
 {
@@ -303,7 +387,7 @@ TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
     for (int round = 0; round < kRounds; ++round) {
         runAtOnce(registrations);
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-        EXPECT_EQ(registrations.size(), takeTold().size());
+        EXPECT_EQ(registrations.size(), told().size());
         for (const auto callback : callbacks) {
             EXPECT_EQ(1, removeLanguage(callback));
         }
@@ -315,25 +399,34 @@ TEST_F(NotifyTest, ARegistrationDuringTheLastRemovalIsSubscribed)
     for (int round = 0; round < kRounds; ++round) {
         removeLastDuring([] { EXPECT_EQ(1, addLanguage(onTextToo, two)); });
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-        ASSERT_EQ(Events{"x two"}, takeTold());
+        ASSERT_EQ(Events{"x two"}, told());
         EXPECT_EQ(1, removeLanguage(onTextToo));
     }
 }
 
-TEST_F(NotifyTest, ADeliveryThatMeetsTheEndOfItsWatcherTouchesNothing)
+TEST_F(NotifyTest, ADeliveryDuringTheLastRemovalCallsNobody)
 {
     for (int round = 0; round < kRounds; ++round) {  // it is past its look at the flag while the list is being emptied
         removeLastDuring([] { mock::fire(kLanguage, mock::text("x")); });
+        EXPECT_EQ(Events(), told());
     }
-    addLanguage(onText, one);
-    const mock::Subscription late = mock::Locked()->subscriptions.at(0);
-    removeLanguage(onText);
-    mock::takeEvents();
-    mock::deliver(late, mock::text("x"));
-    mock::did({delivered("Vconf cb invoked : " + late.key)});
-    mock::deliver({"db/odd", late.handler, late.userData}, mock::text("x"));
-    mock::did({delivered("Vconf cb invoked : db/odd")});
-    EXPECT_EQ(Events(), takeTold());
+}
+
+TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
+{
+    EXPECT_EQ(1, addLanguage(onText, one));
+    const mock::Subscription late = mock::Locked()->attempted;
+    EXPECT_EQ(1, removeLanguage(onText));
+    std::memset(late.userData, 0xff, sizeof(Watcher));  // nobody is there; who looks all the same is misled
+    for (const bool anew : {false, true}) {
+        EXPECT_EQ(anew ? 1 : 0, anew ? addLanguage(onText, one) : removeLanguage(onText));
+        mock::takeEvents();
+        mock::deliver(late, mock::text("late"));
+        mock::did({invoked(kLanguage), kUnsubscribed});
+    }
+    mock::fire(kLanguage, mock::text("x"));
+    EXPECT_EQ(Events{"x one"}, told());
+    EXPECT_EQ(1, removeLanguage(onText));
 }
 
 TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
@@ -348,35 +441,7 @@ TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
     giveWay();
     running.go.open();
     end.wait();
-    EXPECT_EQ(Events{"x one"}, takeTold());
-}
-
-TEST_F(NotifyTest, EventsForGoneWatchersDoNotReachOthersAtTheirAddresses)
-{
-    using Watcher = VconfCallbackGenerator;
-    struct Place {
-        alignas(Watcher) unsigned char bytes[sizeof(Watcher)];
-    };
-    static std::array<Place, 100> places;
-    const auto useEverySecond = [](std::size_t first) {
-        for (std::size_t i = first; i < places.size(); i += 2) {
-            auto* watcher = new (&places[i]) Watcher(DATA_TYPE_INT, "db/number");
-            watcher->RegisterCallback(untyped(on<int, 1>), one);
-            watcher->UnregisterCallback(untyped(on<int, 1>));
-            watcher->~Watcher();
-        }
-    };
-    std::thread other(useEverySecond, 0);
-    useEverySecond(1);
-    other.join();
-    for (Place& place : places) {
-        auto* watcher = new (&place) Watcher(DATA_TYPE_STRING, "db/text");
-        watcher->RegisterCallback(untyped(onText), one);
-        mock::deliver({"db/number", Watcher::VconfCallbackMethod, watcher}, mock::text("stale"));
-        mock::deliver({"db/other/name", Watcher::VconfCallbackMethod, watcher}, mock::text("x"));
-        EXPECT_EQ(Events{"x one"}, takeTold());
-        watcher->~Watcher();
-    }
+    EXPECT_EQ(Events{"x one"}, told());
 }
 
 TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)
@@ -397,6 +462,16 @@ TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)
     stopOther(
         added("callback is NULL"), [] { EXPECT_EQ(0, addLanguage(nullptr, one)); }, removeLast,
         released("ZOLLanguage", {}));
+}
+
+TEST_F(NotifyTest, AWatcherIsNotReleasedUnderADispatchThatIsInsideIt)
+{
+    mock::refuse("vconf_notify_key_changed");
+    EXPECT_EQ(0, addLanguage(onText, one));
+    const mock::Subscription refused = mock::Locked()->attempted;
+    stopOther(
+        kUnsubscribed, [&refused] { mock::deliver(refused, mock::text("x")); },
+        [] { EXPECT_EQ(0, removeLanguage(onText)); }, released("ZOLLanguage", {}));
 }
 
 TEST_F(NotifyTest, AnUnregistrationReturnsAfterTheCallbackAndHoldsNoKeyLockMeanwhile)
@@ -443,14 +518,65 @@ TEST_F(NotifyTest, CallbacksUseOtherTopicsWhileAllAreUsed)
     EXPECT_EQ(0U, mock::Locked()->subscriptions.size());
 }
 
+// The address of a topic's watchers, which stand at two in turn.
+template <class Callback>
+std::uintptr_t addressOf(int (*add)(Callback, void*), int (*remove)(Callback), Callback callback)
+{
+    const auto next = [=] {
+        add(callback, nullptr);
+        remove(callback);
+        return reinterpret_cast<std::uintptr_t>(mock::Locked()->attempted.userData);
+    };
+    return std::min(next(), next());
+}
+
+TEST_F(NotifyTest, TopicsShareNeitherALockNorACacheLine)
+{
+    using Notify = ZOLSystemDataNotify;
+    std::uintptr_t activated = 0;
+    at(creating("ZOLLanguage", kLanguage), [&] {  // with the language's key lock held
+        activated =
+            addressOf(Notify::RegisterZOLActivatedCallback, Notify::UnregisterZOLActivatedCallback, on<bool, 1>);
+    });
+    const std::uintptr_t language = addressOf(addLanguage, removeLanguage, onText);
+    EXPECT_EQ(0U, (language - activated) % 64);
+}
+
+// In a callback, and, where a log line may be the end of a cancelled thread, in the midst of a release.
+TEST_F(NotifyTest, AThreadThatEndsHoldsNothingUp)
+{
+    const ZOLStringCallback ends[] = {[](std::string, void*) { pthread_exit(nullptr); },
+                                      [](std::string, void*) { pthread_cancel(pthread_self()); }};
+    mock::setHook([](const std::string&) { pthread_testcancel(); });
+    for (const auto end : ends) {
+        EXPECT_EQ(1, addLanguage(end, nullptr));
+        EXPECT_EQ(1, addLanguage(onText, one));
+        std::thread([] { mock::fire(kLanguage, mock::text("x")); }).join();
+        EXPECT_EQ(Events(), told());
+        EXPECT_EQ(1, removeLanguage(end));
+        mock::fire(kLanguage, mock::text("y"));
+        EXPECT_EQ(Events{"y one"}, told());
+        EXPECT_EQ(1, removeLanguage(onText));
+    }
+    EXPECT_EQ(1, addLanguage(onText, one));
+    mock::takeEvents();
+    mock::setHook([](const std::string& event) {
+        event == kIgnore ? static_cast<void>(pthread_cancel(pthread_self())) : pthread_testcancel();
+    });
+    std::thread([] { removeLanguage(onText); }).join();
+    mock::did(released("ZOLLanguage", {kRemoving, removed("nodeList is empty, call "), kIgnore}));
+}
+
 TEST_F(NotifyTest, ACallbackThatThrowsHoldsNothingUp)
 {
     const ZOLStringCallback thrower = [](std::string, void*) { throw std::runtime_error("from a callback"); };
-    addLanguage(thrower, nullptr);
-    addLanguage(onText, one);
-    EXPECT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-    EXPECT_EQ(Events{"x one"}, takeTold());
-    EXPECT_THAT(mock::takeEvents(), Contains(testing::HasSubstr("exception in cb (0x")));
+    EXPECT_EQ(1, addLanguage(thrower, nullptr));
+    EXPECT_EQ(1, addLanguage(onText, one));
+    mock::takeEvents();
+    mock::fire(kLanguage, mock::text("x"));
+    std::string caught = calling(untyped(thrower));
+    caught.replace(caught.find("call cb"), 7, "exception in cb");
+    mock::did({invoked(kLanguage), calling(untyped(thrower)), caught, calling(untyped(onText)), "x one"});
     EXPECT_EQ(1, removeLanguage(thrower));
     EXPECT_EQ(1, removeLanguage(onText));
 }
@@ -463,7 +589,7 @@ TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
 {
     for (const bool fromCallback : {false, true}) {
         inChild([fromCallback] {
-            static const Gate called;
+            static const Gate& called = *new Gate;  // the threads use it to the very end
             addLanguage([](std::string, void*) { called.open(); }, nullptr);
             addActivated([](bool, void*) { std::exit(0); }, nullptr);
             const auto deliver = [] {
@@ -477,70 +603,6 @@ TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
             REQUIRE(!fromCallback || fireActivated() == 0);
         });
     }
-}
-
-// A child gets a new mock: other threads may have been in the midst of changing the old one. To wait for them is not
-// possible here, since this program sets up its handlers after the library, so that they would be called before its.
-const int mockIsForkSafe = pthread_atfork(nullptr, nullptr, [] {
-    new (&mock::mutex) std::mutex;
-    new (&mock::state) mock::State;
-});
-
-// A child of fork() has no registrations and finds no lock taken, whatever the parent's threads held.
-TEST_F(NotifyTest, AChildOfForkStartsWithoutRegistrations)
-{
-    inChild([] {
-        using Notify = ZOLSystemDataNotify;
-        static Stop running, subscribing, creating;
-        static int called;
-        static pid_t child;
-        const auto useAfresh = [] {
-            mock::reset();
-            mock::refuse("vconf_notify_key_changed");  // nobody in the child has asked for a release
-            REQUIRE(Notify::RegisterOSDCountryCallback(onText, one) == 0);
-            REQUIRE(addLanguage(onText, one) == 1 && removeLanguage(slow) == 0);
-            REQUIRE(mock::fire(kLanguage, mock::text("x")) == 1 && takeTold() == Events{"x one"});
-            REQUIRE(addActivated(on<bool, 1>, one) == 1 && Notify::RegisterOSDCountryCallback(onText, one) == 1);
-            REQUIRE(Notify::RegisterDravixResetCountCallback(on<int, 1>, one) == 1 && removeLanguage(onText) == 1);
-            REQUIRE(Notify::UnregisterZOLActivatedCallback(on<bool, 1>) == 1);
-            REQUIRE(Notify::UnregisterOSDCountryCallback(onText) == 1);
-            REQUIRE(Notify::UnregisterDravixResetCountCallback(on<int, 1>) == 1);
-            const Events events = mock::takeEvents();
-            REQUIRE(std::count(events.begin(), events.end(), kEnd) == 4);
-            _exit(0);
-        };
-        addLanguage(slow, &running);
-        addActivated([](bool, void*) { child = fork(); }, nullptr);
-        addActivated([](bool, void*) { ++called; }, nullptr);
-        // Other threads hold a watcher's lock, the turn of another one and, for a short while, a key lock.
-        mock::setHook([](const std::string& event) {
-            if (event == "vconf_notify_key_changed db/comss/countrycode") {
-                subscribing.reach();
-            } else if (event.find("Create VconfCallbackGenerator : db/dravix") != std::string::npos) {
-                creating.reached.open();
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            }
-        });
-        std::thread delivery([] { mock::fire(kLanguage, mock::text("x")); });
-        running.reached.pass();
-        std::thread subscription([] { Notify::RegisterOSDCountryCallback(onText, one); });
-        subscribing.reached.pass();
-        REQUIRE(Notify::UnregisterOSDCountryCallback(onText) == 0);  // which asks for a release
-        std::thread creation([] { Notify::RegisterDravixResetCountCallback(on<int, 1>, one); });
-        creating.reached.pass();
-        REQUIRE(finish(start(useAfresh)) == 0);
-        creation.join();
-        fireActivated();  // which forks while it holds its watcher's lock
-        if (child == 0) {
-            REQUIRE(called == 0);  // the callbacks after the one that forked are the parent's
-            useAfresh();
-        }
-        REQUIRE(finish(child) == 0 && called == 1);
-        subscribing.go.open();
-        subscription.join();
-        running.go.open();
-        delivery.join();
-    });
 }
 
 }  // namespace

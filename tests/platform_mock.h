@@ -50,10 +50,10 @@ struct Subscription {
 
 struct State {
     std::map<std::string, Value> store;
-    std::set<std::string> refused;  // the functions whose next call is refused
-    int refuseAt = 0;               // the call from now, log lines included, that is refused; 0 for none
+    std::set<std::string> refused;  // the next event that begins with one of these is refused
     Events events;
     std::vector<Subscription> subscriptions;
+    Subscription attempted;  // the latest, accepted or not
     // Is called on the thread of each event, before a call of the store takes effect or is refused.
     std::function<void(const std::string& event)> hook;
 };
@@ -79,8 +79,9 @@ struct Locked {
 
 inline void reset() { *Locked().operator->() = State(); }
 inline void setHook(std::function<void(const std::string&)> hook) { Locked()->hook = std::move(hook); }
-inline void refuse(const std::string& function) { Locked()->refused.insert(function); }
+inline void refuse(const std::string& event) { Locked()->refused.insert(event); }
 inline void put(const std::string& key, const Value& value) { Locked()->store.insert_or_assign(key, value); }
+inline void note(const std::string& event) { Locked()->events.push_back(event); }
 inline Events takeEvents() { return std::exchange(Locked()->events, {}); }
 inline void did(const Events& expected, int line = __builtin_LINE())
 {
@@ -90,7 +91,7 @@ inline void did(const Events& expected, int line = __builtin_LINE())
 inline void deliver(const Subscription& to, const Value& value)
 {
     const char* text = value.type == VCONF_TYPE_STRING ? value.text.c_str() : nullptr;
-    keynode_t node{to.key.c_str(), value.type, {value.number, text}};
+    keynode_t node{to.key.c_str(), -1, {value.number, text}};  // the type is not to be looked at
     to.handler(&node, to.userData);
 }
 
@@ -115,13 +116,16 @@ inline int fire(const std::string& key, const Value& value)
 // Records a call, and tells whether it may go on.
 inline bool happen(const std::string& event)
 {
-    Locked()->events.push_back(event);
+    note(event);
     if (const auto hook = Locked()->hook) {
         hook(event);
     }
     const Locked locked;
-    const bool refused = locked->refused.erase(event.substr(0, event.find(' '))) > 0;
-    return --locked->refuseAt != 0 && !refused;
+    auto& refused = locked->refused;
+    const auto found = std::find_if(refused.begin(), refused.end(), [&event](const std::string& each) {
+        return event.compare(0, each.size(), each) == 0;
+    });
+    return found == refused.end() || (refused.erase(found), false);
 }
 
 inline std::optional<Value> get(const std::string& function, const char* key, int type)
@@ -179,9 +183,11 @@ int vconf_set_bool(const char* key, int value) { return mock::setNumber(__func__
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
 {
     const mock::Inside here;
+    const mock::Subscription attempted = {key, handler, user_data};
+    mock::Locked()->attempted = attempted;
     const bool accepted = mock::happen(std::string(__func__) + " " + key);
     if (accepted) {
-        mock::Locked()->subscriptions.push_back({key, handler, user_data});
+        mock::Locked()->subscriptions.push_back(attempted);
     }
     return accepted ? 0 : -1;
 }
