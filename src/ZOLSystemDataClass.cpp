@@ -267,9 +267,9 @@ private:
     bool isInEntry() const { return depth_ == 2; }  // and in nothing inside it
     void enter()
     {
-        if (++depth_; isInEntry()) {
+        ++depth_;
+        if (isInEntry()) {
             entry_ = Entry();
-            member_ = &entry_.other;
         }
     }
 
@@ -281,7 +281,7 @@ private:
 
 // Collects the ids of the apps in concurrent mode. They stay in the text that is parsed.
 struct IdCollector : rapidjson::BaseReaderHandler<> {
-    static std::size_t copied() { return 0; }
+    static std::size_t copied() { return {}; }  // it makes no copy
     void take(const Entry& entry)
     {
         if (entry.appid.text != nullptr && entry.mode.text != nullptr && std::strcmp(entry.mode.text, kOn) == 0) {
@@ -326,12 +326,10 @@ bool parse(std::string& text, ListReader<Handler>& handler)
 }
 
 // Copies the stored text; false when it is not JSON.
-bool copyStored(Buffer& copy, ListReader<ListCopier>& list)
+bool copyStored(ListReader<ListCopier>& list)
 {
-    constexpr std::size_t kSlack = 500;  // a writer asks for more room than it fills
     std::string text;
     getString(key::ZOLConcurrentAppList, text);
-    copy.Reserve(text.size() + kSlack);
     return parse(text, list);
 }
 
@@ -361,7 +359,9 @@ std::string withMode(std::string_view list, const std::optional<Member>& place, 
     const std::size_t end = place ? place->end : begin;
     std::string changed;
     changed.reserve(list.size() + value.size());
-    changed.append(list, 0, begin).append(value).append(list, end);
+    for (const std::string_view part : {list.substr(0, begin), std::string_view(value), list.substr(end)}) {
+        changed.append(part);
+    }
     return changed;
 }
 
@@ -376,7 +376,7 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
     Buffer copy;
     ListReader<ListCopier> list(copy, appid);
-    bool isList = copyStored(copy, list);
+    bool isList = copyStored(list);
     if (!isList) {
         dlog_print(ZOL_LINE("json parsing is failed"));
     } else if (!list.isList()) {
@@ -396,17 +396,19 @@ bool ZOLSystemData::DisableZOLConcurrentMode(std::string appid)
 
 bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
 {
-    std::string text;
-    if (!getString(key::ZOLConcurrentAppList, text)) {
-        return false;
-    }
-    std::string parsed = text;
+    std::string parsed;
     ListReader<IdCollector> reader;
-    if (!parse(parsed, reader) || !reader.isList()) {
-        dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
-        return false;
-    }
-    std::string().swap(text);  // its memory is for the ids
+    {
+        std::string text;
+        if (!getString(key::ZOLConcurrentAppList, text)) {
+            return false;
+        }
+        parsed = text;
+        if (!parse(parsed, reader) || !reader.isList()) {
+            dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
+            return false;
+        }
+    }  // so that the text as it was read is gone before the ids are copied
     list.insert(list.end(), reader.ids.begin(), reader.ids.end());
     return true;
 }

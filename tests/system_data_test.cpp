@@ -206,13 +206,15 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
          "[" + deep + R"(,{"concurrent":"off","appid":"b"},)" + app + "]"},
         // Only the first member of a name counts, and a text only up to its NUL.
         {R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent":"on\u0000","concurrent":"off","x":1},["a","on"],{"concurrent":"on"}])",
+         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"on\u0000","concurrent":"off","x":1},)"
+         R"(["a","on"],{"concurrent":"on"}])",
          Texts{"b", "a"}, "", "a", "off",
          R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent":"off","concurrent":"off","x":1},["a","on"],{"concurrent":"on"}])"},
-        {R"([ { "appid" : "a" , "x" : 1e2 } , { "appid" : "" , "concurrent" : "on" } , 1.7976931348623159e308 ])",
+         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"off","concurrent":"off","x":1},)"
+         R"(["a","on"],{"concurrent":"on"}])"},
+        {R"([ { "appid" : "a" , "x" : 1e2 } , { "appid" : "" , "concurrent" : "on" } , -1.7976931348623159e308 ])",
          Texts{""}, "", "a", "off",
-         R"([{"appid":"a","x":100.0,"concurrent":"off"},{"appid":"","concurrent":"on"},1.7976931348623157e308])"},
+         R"([{"appid":"a","x":100.0,"concurrent":"off"},{"appid":"","concurrent":"on"},-1.7976931348623157e308])"},
         {R"([{"appid":"","concurrent":7}])", Texts{}, "", "", "on",
          R"([{"appid":"","concurrent":7},{"appid":"","concurrent":"on"}])"},
         {"[" + app + "," + another + "," + app + "]", Texts{"a", "a"}, "", "b", "%s%n",
