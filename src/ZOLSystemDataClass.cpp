@@ -396,6 +396,7 @@ bool ZOLSystemData::DisableZOLConcurrentMode(std::string appid)
 
 bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
 {
+    // cppcheck-suppress variableScope ; the reader's ids stand in it
     std::string parsed;
     ListReader<IdCollector> reader;
     {
