@@ -77,12 +77,11 @@ std::int64_t allocationsOf(void (*use)(std::string))
 void keep(std::string value) { benchmark::DoNotOptimize(value); }
 void set(std::string value) { ZOLSystemDataSetOSDLanguage(std::move(value)); }
 
-std::int64_t peakOf(const ListOperation& operation)
+std::int64_t peakOf(const ListOperation& operation, std::int64_t apps)
 {
-    constexpr std::int64_t kApps = 100000;
-    static const std::string text = appList(kApps);
+    const std::string text = appList(apps);
+    const std::string last = appid(apps);
     platformText = text.c_str();
-    const std::string last = appid(kApps);
     const std::int64_t before = heap.peak = heap.live;
     operation.run(last);
     return heap.peak - before;
@@ -107,7 +106,10 @@ int main(int argc, char** argv)
     add("heap allocations of a setter, 100 bytes/peer", [] { return allocationsOf(keep); });
     add("heap allocations of a setter, 100 bytes/ours", [] { return allocationsOf(set); });
     for (const ListOperation& operation : listOperations) {
-        add("peak heap bytes of " + std::string(operation.name) + "/100000", [&] { return peakOf(operation); });
+        for (const int apps : {10, 1000, 100000}) {
+            add("peak heap bytes of " + std::string(operation.name) + '/' + std::to_string(apps),
+                [&operation, apps] { return peakOf(operation, apps); });
+        }
     }
     add("bytes of a watcher/ours", [] { return sizeof(VconfCallbackGenerator); });
     add("bytes of a watcher with a callback, in all/ours", heapOfWatcher);

@@ -22,10 +22,10 @@ def goals: [
   (("real_time", "cpu_time") as $value
     | row("store: reads", "deliveries", "reads") | .value = $value | .goal = 1.3 | .from = "1"),
   (row("heap allocations of a setter, 100 bytes") | .value = "count" | .goal = 1),
-  (row("enable", "disable", "list") | .goal = 1.1),
+  (row("enable", "disable", "list") | .goal = 0.95),
   (row("enable", "disable", "list") | .goal = 120 | .from = "1000" | .absolute = true),
   (row("peak heap bytes of enable", "peak heap bytes of disable", "peak heap bytes of list")
-    | .value = "count" | .goal = 1.15),
+    | .value = "count" | .goal = 0.6),
   (row("bytes of a watcher", "bytes of a watcher with a callback, in all", "bytes of the stripped library",
        "bytes of the library's code") | .value = "count")
 ];

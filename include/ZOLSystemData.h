@@ -1,12 +1,18 @@
 /// @file
-/// The TV's system data, read and written through the platform's key-value store.
+/// The TV's system data, read and written through the platform's key-value store, for C++ (C++11 or later).
+///
+/// This header brings the free functions along: setString, getString, setInt, getInt, setBool and getBool in
+/// ZOLTypedKeys.h, and SetZOLConcurrentMode in ZOLConcurrentMode.h. Only toString stays apart, in ZOLJson.h, because it
+/// needs RapidJSON.
 #ifndef ZOL_SYSTEM_DATA_H
 #define ZOL_SYSTEM_DATA_H
 
 #include <string>
 #include <vector>
 
+#include "ZOLConcurrentMode.h"
 #include "ZOLExport.h"
+#include "ZOLTypedKeys.h"
 
 /// Getters and setters of the TV's system data, and the list of apps in concurrent mode.
 ///
@@ -150,7 +156,7 @@ public:
     static bool DisableZOLConcurrentMode(std::string appid);
     /// Appends the ids of the apps in concurrent mode to `list`, in the order of the stored list.
     /// @param[in,out] list  Keeps what it holds; not changed when the result is false.
-    /// @return whether the stored text was read and is a list: JSON, an array, and at most 64 levels deep.
+    /// @return whether the stored text was read and is a list, that is a JSON array.
     static bool GetZOLConcurrentAppList(std::vector<std::string>& list);
     /// @}
 };

@@ -1,6 +1,6 @@
 /// @file
-/// Typed read and write of one vconf key. The operations of ZOLSystemData are these six functions with a fixed key;
-/// they are for callers who name the key themselves.
+/// Typed read and write of one vconf key, for C++. The operations of ZOLSystemData are these six functions with a fixed
+/// key; they are for callers who name the key themselves.
 ///
 /// Threads: every function may be called from any thread at any time. None keeps state or takes a lock; each is as
 /// consistent as the one vconf call that it makes, so a caller who reads, changes and writes back a key must keep

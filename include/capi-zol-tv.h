@@ -2,8 +2,9 @@
 /// The flat form of the library: each operation of ZOLSystemData and ZOLSystemDataNotify as a function under its plain,
 /// undecorated name, the class name and the operation's name run together. A function does what its class operation
 /// does, with the same parameters, results, errors and threads; ZOLSystemData.h and ZOLSystemDataNotify.h tell them.
-/// The parameter types are C++ types, so these functions are for C++ callers who look symbols up by name.
-/// A string passed by value is the library's own copy: the caller's string is never changed.
+/// Despite the name this is C++ (C++11 or later): the parameters are of C++ types, so these functions are for C++
+/// callers who look symbols up by name. The header brings both classes along. A string passed by value is the library's
+/// own copy: the caller's string is never changed.
 #ifndef CAPI_ZOL_TV_H
 #define CAPI_ZOL_TV_H
 
@@ -11,7 +12,9 @@
 #include <vector>
 
 #include "ZOLExport.h"
+#include "ZOLSystemData.h"
 #include "ZOLSystemDataNotify.h"
+
 extern "C" {
 
 ZOL_API bool ZOLSystemDataGetAovModeSetter(std::string& value);

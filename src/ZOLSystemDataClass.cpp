@@ -9,10 +9,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -170,175 +173,218 @@ bool ZOLSystemData::GetAmbientMode() { return getBool(key::AmbientMode); }
 
 // ---- concurrent-mode app list ---------------------------------------------------------------------------------------
 
+// The list is read and copied as a stream of RapidJSON's events, without recursion, so it may be nested to any depth.
+
 namespace {
 
-constexpr char kAppid[] = "appid";
-constexpr char kConcurrent[] = "concurrent";
 constexpr char kOn[] = "on";
 
-// RapidJSON's parser and writer recurse once per level of nesting, so a text nested deep enough would end the process.
-// A list needs two levels; a text beyond this many counts as one that does not parse.
-constexpr int kMaxDepth = 64;
+using Utf8 = rapidjson::UTF8<>;
 
 // RapidJSON does not look whether its allocator had memory to give, so this one throws when it had none.
 struct ThrowingAllocator : rapidjson::CrtAllocator {
-    void* Malloc(std::size_t size) { return checked(CrtAllocator::Malloc(size)); }
     void* Realloc(void* block, std::size_t oldSize, std::size_t newSize)
     {
-        return checked(CrtAllocator::Realloc(block, oldSize, newSize));
-    }
-
-private:
-    static void* checked(void* block)
-    {
-        if (block == nullptr) {
+        void* const grown = CrtAllocator::Realloc(block, oldSize, newSize);
+        if (grown == nullptr) {
             throw std::bad_alloc();
         }
-        return block;
+        return grown;
     }
 };
+using Buffer = rapidjson::GenericStringBuffer<Utf8, ThrowingAllocator>;
+using Writer = rapidjson::Writer<Buffer, Utf8, Utf8, ThrowingAllocator>;
 
-using Utf8 = rapidjson::UTF8<>;
-using Pool = rapidjson::MemoryPoolAllocator<ThrowingAllocator>;
-using Document = rapidjson::GenericDocument<Utf8, Pool, ThrowingAllocator>;
-using Value = Document::ValueType;
+// An entry is an object that is an element of the list. Of its members of one name the first counts.
+struct Member {
+    bool exists = false;
+    const char* text = nullptr;  // of a string, up to its first NUL; null for any other value
+    std::size_t begin = 0;       // of the value in the copy, colon included; where one would be added if none exists
+    std::size_t end = 0;
+};
+struct Entry {
+    Member appid, mode, other;
+};
 
-// Builds a document from the parser's events and stops the parser where the text is nested too deep. A number just
-// above the largest double arrives as infinity, which JSON has no form for, so the largest is taken: otherwise the list
-// would be written up to that number only.
-class DocumentBuilder {
+// Passes a list's events on to `Handler`, and each entry at its end.
+template <class Handler>
+class ListReader : public Handler {
 public:
-    explicit DocumentBuilder(Document& document) : document_(document) {}
+    using Handler::Handler;
 
-    bool Null() { return document_.Null(); }
-    bool Bool(bool value) { return document_.Bool(value); }
-    bool Int(int value) { return document_.Int(value); }
-    bool Uint(unsigned value) { return document_.Uint(value); }
-    bool Int64(int64_t value) { return document_.Int64(value); }
-    bool Uint64(uint64_t value) { return document_.Uint64(value); }
-    bool Double(double value) { return document_.Double(std::clamp(value, -kLargest, kLargest)); }
-    bool RawNumber(const char* text, rapidjson::SizeType length, bool copy)
+    bool isList() const { return isList_; }  // once all has been read
+
+    bool StartArray()
     {
-        return document_.RawNumber(text, length, copy);
+        enter();
+        return Handler::StartArray();
+    }
+    bool EndArray(rapidjson::SizeType elements)
+    {
+        --depth_;
+        isList_ = depth_ == 0;
+        return Handler::EndArray(elements);
+    }
+    bool StartObject()
+    {
+        enter();
+        return Handler::StartObject();
+    }
+    bool EndObject(rapidjson::SizeType members)
+    {
+        if (isInEntry()) {
+            member_->end = Handler::copied();
+            if (!entry_.mode.exists) {
+                entry_.mode.begin = entry_.mode.end = Handler::copied();
+            }
+            Handler::take(entry_);
+        }
+        --depth_;
+        return Handler::EndObject(members);
+    }
+    bool Key(const char* name, rapidjson::SizeType length, bool copy)
+    {
+        if (!isInEntry()) {
+            return Handler::Key(name, length, copy);
+        }
+        member_->end = Handler::copied();
+        Handler::Key(name, length, copy);
+        const std::string_view text(name, length);
+        member_ = text == "appid" ? &entry_.appid : text == "concurrent" ? &entry_.mode : &entry_.other;
+        member_ = member_->exists ? &entry_.other : member_;
+        *member_ = {true, nullptr, Handler::copied(), 0};
+        return true;
     }
     bool String(const char* text, rapidjson::SizeType length, bool copy)
     {
-        return document_.String(text, length, copy);
+        if (isInEntry()) {
+            member_->text = text;
+        }
+        return Handler::String(text, length, copy);
     }
-    bool Key(const char* text, rapidjson::SizeType length, bool copy) { return document_.Key(text, length, copy); }
-    bool StartObject() { return enter() && document_.StartObject(); }
-    bool StartArray() { return enter() && document_.StartArray(); }
-    bool EndObject(rapidjson::SizeType members) { return --depth_, document_.EndObject(members); }
-    bool EndArray(rapidjson::SizeType elements) { return --depth_, document_.EndArray(elements); }
 
 private:
-    static constexpr double kLargest = std::numeric_limits<double>::max();
-
-    bool enter() { return ++depth_ <= kMaxDepth; }
-
-    Document& document_;
-    int depth_ = 0;
-};
-
-// Parses `text` into `document`; false when it is not JSON or nested too deep.
-bool parse(const std::string& text, Document& document)
-{
-    rapidjson::GenericReader<Utf8, Utf8, ThrowingAllocator> reader;
-    auto events = [&](Document& target) {
-        rapidjson::StringStream stream(text.c_str());
-        DocumentBuilder guard(target);
-        return !reader.Parse(stream, guard).IsError();
-    };
-    document.Populate(events);
-    return !reader.HasParseError();
-}
-
-// The text of an entry's first member of that name, up to its first NUL, or null when the entry has no such text.
-// A member that holds something other than a string counts as missing here: such an entry matches no app and is not
-// listed, and a rewrite of the list keeps it as it is.
-const char* memberText(const Value& entry, const char* name)
-{
-    if (!entry.IsObject()) {
-        return nullptr;
-    }
-    const auto member = entry.FindMember(name);
-    return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : nullptr;
-}
-
-Value* findApp(Document& list, const std::string& appid)
-{
-    for (Value& entry : list.GetArray()) {
-        const char* text = memberText(entry, kAppid);
-        if (text != nullptr && *text != '\0' && appid == text) {  // an empty id never matches
-            return &entry;
+    bool isInEntry() const { return depth_ == 2; }  // and in nothing inside it
+    void enter()
+    {
+        ++depth_;
+        if (isInEntry()) {
+            entry_ = Entry();
         }
     }
-    return nullptr;
+
+    int depth_ = 0;
+    Entry entry_;
+    Member* member_ = &entry_.other;  // of `entry_`, the one that is being read
+    bool isList_ = false;
+};
+
+// Collects the ids of the apps in concurrent mode. They stay in the text that is parsed.
+struct IdCollector : rapidjson::BaseReaderHandler<> {
+    static std::size_t copied() { return {}; }  // it makes no copy
+    void take(const Entry& entry)
+    {
+        if (entry.appid.text != nullptr && entry.mode.text != nullptr && std::strcmp(entry.mode.text, kOn) == 0) {
+            ids.push_back(entry.appid.text);
+        }
+    }
+
+    std::vector<const char*> ids;
+};
+
+// Copies a list and finds the place of an app's mode in the copy.
+struct ListCopier : Writer {
+    ListCopier(Buffer& copy, const std::string& app) : Writer(copy), appid(app) {}
+
+    // A number just above the largest double arrives as infinity, which JSON has no form for; the largest is taken.
+    bool Double(double value)
+    {
+        constexpr double kLargest = std::numeric_limits<double>::max();
+        return Writer::Double(std::clamp(value, -kLargest, kLargest));
+    }
+    std::size_t copied() const { return os_->GetSize(); }
+    void take(const Entry& entry)
+    {
+        const char* const text = entry.appid.text;
+        if (!mode && text != nullptr && *text != '\0' && appid == text) {  // an empty id never matches
+            mode = entry.mode;
+        }
+    }
+
+    const std::string& appid;
+    std::optional<Member> mode;
+};
+
+// Reads a JSON text, whose strings it unescapes in place; false when it is none.
+template <class Handler>
+bool parse(std::string& text, ListReader<Handler>& handler)
+{
+    constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseInsituFlag;
+    rapidjson::GenericReader<Utf8, Utf8, ThrowingAllocator> reader;
+    rapidjson::InsituStringStream stream(text.data());
+    return !reader.template Parse<kFlags>(stream, handler).IsError();
 }
 
-// The stored text is not kept beside the one that takes its place.
-bool parseStored(Document& list)
+// Copies the stored text; false when it is not JSON.
+bool copyStored(ListReader<ListCopier>& list)
 {
     std::string text;
     getString(key::ZOLConcurrentAppList, text);
     return parse(text, list);
 }
 
-void setMode(Value& entry, const std::string& mode, Pool& allocator)
+std::string toText(const rapidjson::Value& value)
 {
-    Value text(mode.c_str(), allocator);
-    const auto member = entry.FindMember(kConcurrent);
-    if (member != entry.MemberEnd()) {
-        member->value = text;
-    } else {
-        entry.AddMember(kConcurrent, text, allocator);
-    }
+    Buffer buffer;
+    Writer writer(buffer);
+    value.Accept(writer);
+    return {buffer.GetString(), buffer.GetSize()};
 }
 
-template <class AnyValue>
-void writeText(const AnyValue& value, std::string& out)
+// A JSON string of the text up to its first NUL.
+std::string quoted(const std::string& text) { return toText(rapidjson::Value(rapidjson::StringRef(text.c_str()))); }
+
+// Puts a mode in its place in a list or, when there is none, in a new entry at the end.
+std::string withMode(std::string_view list, const std::optional<Member>& place, const std::string& appid,
+                     const std::string& mode)
 {
-    using Buffer = rapidjson::GenericStringBuffer<Utf8, ThrowingAllocator>;
-    Buffer buffer;
-    rapidjson::Writer<Buffer, Utf8, Utf8, ThrowingAllocator> writer(buffer);
-    value.Accept(writer);
-    out.assign(buffer.GetString(), buffer.GetSize());
+    std::string value = ':' + quoted(mode);
+    if (!place || !place->exists) {
+        value.insert(0, R"(,"concurrent")");
+    }
+    if (!place) {
+        value = (list == "[]" ? R"({"appid":)" : R"(,{"appid":)") + quoted(appid) + value + '}';
+    }
+    const std::size_t begin = place ? place->begin : list.size() - 1;
+    const std::size_t end = place ? place->end : begin;
+    std::string changed;
+    changed.reserve(list.size() + value.size());
+    for (const std::string_view part : {list.substr(0, begin), std::string_view(value), list.substr(end)}) {
+        changed.append(part);
+    }
+    return changed;
 }
 
 }  // namespace
 
 // cppcheck-suppress constParameter ; the exported signature
-void toString(rapidjson::Value& value, std::string& out) { writeText(value, out); }
+void toString(rapidjson::Value& value, std::string& out) { out = toText(value); }
 
 // cppcheck-suppress passedByValue ; the exported signature takes both as its own
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the same
 bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
-    Document list;
-    Pool& allocator = list.GetAllocator();
-
-    bool valid = parseStored(list);
-    if (!valid) {
+    Buffer copy;
+    ListReader<ListCopier> list(copy, appid);
+    bool isList = copyStored(list);
+    if (!isList) {
         dlog_print(ZOL_LINE("json parsing is failed"));
-    } else if (!list.IsArray()) {
+    } else if (!list.isList()) {
         dlog_print(ZOL_LINE("json is invalid (root.isArray())"));
-        valid = false;
+        isList = false;
     }
-    if (!valid) {
-        list.SetArray();
-    }
-
-    if (Value* entry = findApp(list, appid)) {
-        setMode(*entry, mode, allocator);
-    } else {
-        Value added(rapidjson::kObjectType);
-        added.AddMember(kAppid, Value(appid.c_str(), allocator), allocator);
-        added.AddMember(kConcurrent, Value(mode.c_str(), allocator), allocator);
-        list.PushBack(added, allocator);
-    }
-    std::string text;
-    writeText(list, text);
-    setString(key::ZOLConcurrentAppList, std::move(text));
+    setString(key::ZOLConcurrentAppList, isList ? withMode({copy.GetString(), copy.GetSize()}, list.mode, appid, mode)
+                                                : withMode("[]", std::nullopt, appid, mode));
     return true;
 }
 
@@ -350,27 +396,20 @@ bool ZOLSystemData::DisableZOLConcurrentMode(std::string appid)
 
 bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
 {
-    std::string text;
-    if (!getString(key::ZOLConcurrentAppList, text)) {
-        return false;
-    }
-    Document document;
-    if (!parse(text, document) || !document.IsArray()) {
-        dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
-        return false;
-    }
-    const std::size_t before = list.size();
-    try {
-        for (const Value& entry : document.GetArray()) {
-            const char* appid = memberText(entry, kAppid);
-            const char* concurrent = memberText(entry, kConcurrent);
-            if (appid != nullptr && concurrent != nullptr && std::strcmp(concurrent, kOn) == 0) {
-                list.emplace_back(appid);
-            }
+    // cppcheck-suppress variableScope ; the reader's ids stand in it
+    std::string parsed;
+    ListReader<IdCollector> reader;
+    {
+        std::string text;
+        if (!getString(key::ZOLConcurrentAppList, text)) {
+            return false;
         }
-    } catch (...) {
-        list.resize(before);  // the caller's list changes as a whole or not at all
-        throw;
-    }
+        parsed = text;
+        if (!parse(parsed, reader) || !reader.isList()) {
+            dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
+            return false;
+        }
+    }  // so that the text as it was read is gone before the ids are copied
+    list.insert(list.end(), reader.ids.begin(), reader.ids.end());
     return true;
 }

@@ -1,30 +1,27 @@
 // The frame of every log line: "file: function[line]\t message", all at the platform's error priority so that a TV's
 // release builds keep them. Used inside the call: dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value).
+// The file is the one in which the line stands, so lines belong into source files, not into headers.
 #ifndef ZOL_SRC_LOG_H
 #define ZOL_SRC_LOG_H
 
 #include <dlog.h>
 
+#include <cstddef>
+#include <string_view>
+#include <type_traits>
+
 namespace zol {
 
-constexpr const char* baseName(const char* path)
-{
-    const char* base = path;
-    for (; *path != '\0'; ++path) {
-        if (*path == '/') {
-            base = path + 1;
-        }
-    }
-    return base;
-}
-
-constexpr const char* kSourceFile = baseName(__BASE_FILE__);
+// How many characters of a path are before the file's name; 0 when it has no slash.
+constexpr std::size_t folderSize(std::string_view path) { return path.rfind('/') + 1; }
 
 }  // namespace zol
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the line number and the joined literals need macros.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): the file, the line number and the joined literals need macros.
+// The constant makes the compiler find the name, not each call.
+#define ZOL_FILE_NAME &__FILE__[std::integral_constant<std::size_t, zol::folderSize(__FILE__)>::value]
 #define ZOL_LINE_FRAME(function, text) \
-    DLOG_ERROR, "libZOL", "%s: %s[%d]\t " text "\n", zol::kSourceFile, function, __LINE__
+    DLOG_ERROR, "libZOL", "%s: %s[%d]\t " text "\n", ZOL_FILE_NAME, function, __LINE__
 
 // A line under the name of the function that writes it.
 #define ZOL_LINE(message) ZOL_LINE_FRAME(__func__, "DLOG_ERROR \"" message "\"")

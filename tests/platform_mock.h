@@ -51,6 +51,8 @@ struct Subscription {
 struct State {
     std::map<std::string, Value> store;
     std::set<std::string> refused;  // the next event that begins with one of these is refused
+    int refusal = -1;               // what reads and writes that are refused return
+    bool writesNumbers = true;      // to the output of a read that is accepted
     Events events;
     std::vector<Subscription> subscriptions;
     Subscription attempted;  // the latest, accepted or not
@@ -142,15 +144,17 @@ inline int getNumber(const char* function, const char* key, int type, int* numbe
 {
     const Inside here;
     const auto value = get(function, key, type);
-    *number = value ? value->number : 1;
-    return value ? 0 : -1;
+    if (Locked()->writesNumbers) {
+        *number = value ? value->number : 1;
+    }
+    return value ? 0 : Locked()->refusal;
 }
 
 inline int set(const char* function, const char* key, const Value& value)
 {
     const bool isText = value.type == VCONF_TYPE_STRING;
     if (!happen(std::string(function) + " " + key + "=" + (isText ? value.text : std::to_string(value.number)))) {
-        return -1;
+        return Locked()->refusal;
     }
     put(key, value);
     return 0;

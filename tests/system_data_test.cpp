@@ -9,10 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "ZOLConcurrentMode.h"
 #include "ZOLJson.h"
-#include "ZOLSystemData.h"
-#include "ZOLTypedKeys.h"
 #include "capi-zol-tv.h"
 #include "platform_mock.h"
 
@@ -54,23 +51,35 @@ struct Trial {
     void operator()(IntGetter get) const
     {
         int value = 7;
-        EXPECT_FALSE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                           line("getInt", "failed to get vconf key (" + key + ")"), true));
-        EXPECT_EQ(7, value);
+        for (const int refusal : {-1, 1}) {
+            mock::Locked()->refusal = refusal;
+            EXPECT_FALSE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
+                               line("getInt", "failed to get vconf key (" + key + ")"), true));
+            EXPECT_EQ(7, value);
+        }
         for (const int stored : {INT_MIN, 0, INT_MAX}) {
             EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(stored),
                               line("getInt", "Background volume is " + std::to_string(stored))));
             EXPECT_EQ(stored, value);
         }
+        mock::Locked()->writesNumbers = false;
+        EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
+                          line("getInt", "Background volume is 0")));
+        EXPECT_EQ(0, value);
     }
     void operator()(BoolGetter get) const
     {
         const std::string failed = line("getBool", "failed to get vconf key (" + key + ")");
-        EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), failed, true));
+        for (const int refusal : {-1, 1}) {
+            mock::Locked()->refusal = refusal;
+            EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), failed, true));
+        }
         for (const int stored : {0, 1, 2, -1}) {
             const std::string seen = line("getBool", stored == 1 ? "true" : "false");
             EXPECT_EQ(stored == 1, reads(get, "vconf_get_bool", mock::boolean(stored), seen));
         }
+        mock::Locked()->writesNumbers = false;
+        EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), line("getBool", "false")));
     }
     void operator()(StringSetter set) const
     {
@@ -107,10 +116,13 @@ struct Trial {
                                      call + " " + key + "=" + number};
             EXPECT_TRUE(set(value));
             mock::did(expected);
-            mock::refuse(call);
-            EXPECT_FALSE(set(value));
             expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
-            mock::did(expected);
+            for (const int refusal : {-1, 1}) {
+                mock::Locked()->refusal = refusal;
+                mock::refuse(call);
+                EXPECT_FALSE(set(value));
+                mock::did(expected);
+            }
         }
     }
 };
@@ -170,10 +182,12 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
     const std::string key = "db/multi-assistant/alexa_language";
     const std::string app = R"({"appid":"a","concurrent":"on"})";
     const std::string fresh = "[" + app + "]", another = R"({"appid":"b","concurrent":"off"})";
-    std::string wide;  // many at one level are not nested deep
-    for (int i = 0; i < 65; ++i) {
-        wide += "{},[],";
+    std::string deep, end;  // 300,000 levels
+    for (int i = 0; i < 150000; ++i) {
+        deep += R"([{"m":)";
+        end += "}]";
     }
+    deep += "0" + end;
     struct Row {
         std::optional<std::string> before;
         std::optional<Texts> apps;  // none when that is no list
@@ -185,7 +199,24 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
         {"[] %s%n", std::nullopt, "json parsing is failed", "a\0b"s, "on", fresh},
         {app, std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
         {fresh, Texts{"a"}, "", "b", "off", "[" + app + "," + another + "]"},
-        {"[" + wide + app + "]", Texts{"a"}, "", "b", "off", "[" + wide + app + "," + another + "]"},
+        {R"({"x":[)" + app + "]}", std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
+        {"[" + app + ",]", std::nullopt, "json parsing is failed", "b", "on", R"([{"appid":"b","concurrent":"on"}])"},
+        {"[]", Texts{}, "", "a", "on", fresh},
+        {"[" + deep + R"(,{"concurrent":)" + deep + R"(,"appid":"b"},)" + app + "]", Texts{"a"}, "", "b", "off",
+         "[" + deep + R"(,{"concurrent":"off","appid":"b"},)" + app + "]"},
+        // Only the first member of a name counts, and a text only up to its NUL.
+        {R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
+         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"on\u0000","concurrent":"off","x":1},)"
+         R"(["a","on"],{"concurrent":"on"}])",
+         Texts{"b", "a"}, "", "a", "off",
+         R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
+         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"off","concurrent":"off","x":1},)"
+         R"(["a","on"],{"concurrent":"on"}])"},
+        {R"([ { "appid" : "a" , "x" : 1e2 } , { "appid" : "" , "concurrent" : "on" } , -1.7976931348623159e308 ])",
+         Texts{""}, "", "a", "off",
+         R"([{"appid":"a","x":100.0,"concurrent":"off"},{"appid":"","concurrent":"on"},-1.7976931348623157e308])"},
+        {R"([{"appid":"","concurrent":7}])", Texts{}, "", "", "on",
+         R"([{"appid":"","concurrent":7},{"appid":"","concurrent":"on"}])"},
         {"[" + app + "," + another + "," + app + "]", Texts{"a", "a"}, "", "b", "%s%n",
          "[" + app + R"(,{"appid":"b","concurrent":"%s%n"},)" + app + "]"},
     };
