@@ -410,6 +410,15 @@ bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
             return false;
         }
     }  // so that the text as it was read is gone before the ids are copied
-    list.insert(list.end(), reader.ids.begin(), reader.ids.end());
+    const std::size_t before = list.size();
+    list.reserve(before + reader.ids.size());
+    try {
+        for (const char* id : reader.ids) {
+            list.emplace_back(id);
+        }
+    } catch (...) {
+        list.resize(before);  // the caller's list changes as a whole or not at all
+        throw;
+    }
     return true;
 }
