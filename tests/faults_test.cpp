@@ -1,5 +1,4 @@
-// Memory that runs out at any point, and a platform that refuses any of its calls. The library starves alone: the
-// memory of the platform mock is spared.
+// Memory that runs out at any point of an operation. The library starves alone: the memory of the mock is spared.
 
 #include <gtest/gtest.h>
 
@@ -28,7 +27,6 @@ namespace {
 constexpr char kText[] = "longer than a string holds in itself";
 constexpr char kOther[] = "another that is longer than a string holds in itself";
 constexpr char kApp[] = "an app whose name is longer than that";
-const std::string kFresh = R"([{"appid":")"s + kApp + R"(","concurrent":"on"}])";
 
 const std::string kLanguage = "db/multi-assistant/zol_language";
 const std::string kActivated = "db/multi-assistant/activated";
@@ -141,12 +139,6 @@ std::string state()
     return all.str();
 }
 
-// The state after a change that found no list, instead of that one.
-std::string withFreshList(std::string state, const Operation& operation)
-{
-    return state.replace(state.find(operation.list), operation.list.size(), kFresh);
-}
-
 void undo()
 {
     add(on<0>);  // so that a watcher that has no callback and is still subscribed goes too
@@ -197,46 +189,6 @@ TEST(Starved, LeavesTheStateOfBeforeOrAfterAndNothingElse)
             code = finish(start([&] { std::exit(starve(operation, n)); }));
         } while (code == kStarved);
         EXPECT_EQ(0, code) << operation.name << ", allocation " << n;
-    }
-}
-
-TEST(Refused, EachCallInTurnGivesItsResultAndState)
-{
-    for (const Operation& operation : operations) {
-        mock::Events whole;
-        std::string before, after;
-        for (size_t i = 0; i <= whole.size(); ++i) {  // first without a refusal
-            SCOPED_TRACE(operation.name + ", call "s + std::to_string(i));
-            mock::reset();
-            fill(operation);
-            prepare(operation);
-            if (i == 0) {
-                before = state();
-            }
-            mock::takeEvents();
-            if (i > 0) {
-                mock::refuse(whole[i - 1]);
-            }
-            const bool result = operation.run();
-            const mock::Events events = mock::takeEvents();
-            const std::string now = state();
-            undo();
-            if (i == 0) {
-                whole = events;
-                after = now;
-                continue;
-            }
-            const std::string call = whole[i - 1].substr(0, whole[i - 1].find(' '));
-            const bool isLog = call.find("vconf") != 0;
-            const bool noList = call == "vconf_get_str" && operation.run == enable;
-            const bool unnoticed = isLog || call == "vconf_set_str";
-            EXPECT_EQ(unnoticed || noList, result);
-            EXPECT_EQ(unnoticed, events == whole);
-            EXPECT_EQ(isLog || call == "vconf_ignore_key_changed" ? after
-                      : noList                                    ? withFreshList(before, operation)
-                                                                  : before,
-                      now);
-        }
     }
 }
 

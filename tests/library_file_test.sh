@@ -47,15 +47,4 @@ done < <(find "$scratch" -type f)
 # Of the libraries only the log calls a function that every compiler checks; the others call none that could be.
 log=$(find "$scratch" -name 'libdlog.so.*.*')
 [ -z "$log" ] || same "$log: calls of the checked vsnprintf" 1 "$(nm -D "$log" | grep -c 'U __vsnprintf_chk@' || true)"
-
-# A library that does not say that it needs ours is initialised first, and may use ours then.
-cd "$scratch"
-build() { "${CXX:-c++}" -std=c++17 -I include -x c++ - -x none "$@"; }
-build -fPIC -shared -o libearly.so <<'END'
-#include <capi-zol-tv.h>
-extern const int early = ZOLSystemDataNotifyRegisterZOLActivatedCallback([](bool, void*) {}, nullptr);
-END
-export LD_LIBRARY_PATH=$scratch:${library%/*}
-build -Wl,--no-as-needed "$library" -L. -learly -o early <<<'extern const int early; int main() { return early == 1 ? 0 : 1; }'
-ZOL_DLOG=off ZOL_VCONF_DIR=$scratch/store ./early || { echo "FAILED: used before it is initialised" && failed=1; }
 exit $failed

@@ -42,6 +42,7 @@ void on(Value value, void* data)
 }
 constexpr auto onText = on<std::string, 1>;
 constexpr auto onTextToo = on<std::string, 2>;
+constexpr auto onTextThree = on<std::string, 3>;
 char one[] = "one";
 char two[] = "two";
 char three[] = "three";
@@ -295,17 +296,12 @@ TEST_F(NotifyTest, TheMembersOfAWatcherAreInTheirOrder)
         std::atomic<bool> isExistVconfCallback;
         DataValueType valueType;
     };
-    static_assert(sizeof(Members) == sizeof(Watcher));
     Watcher watcher(DATA_TYPE_STRING, "db/k");
     watcher.RegisterCallback(untyped(onText), one);
     const auto& members = reinterpret_cast<Members&>(watcher);
-    EXPECT_EQ("db/k", members.vconfPath);
-    EXPECT_TRUE(members.isExistVconfCallback);
-    EXPECT_EQ(DATA_TYPE_STRING, members.valueType);
-    ASSERT_EQ(1U, members.nodeList.size());
-    CallbackNode& node = *members.nodeList[0];
-    EXPECT_TRUE(node.callback == untyped(onText) && node.userData == one);
-    node.callback = nullptr;  // is passed over
+    EXPECT_TRUE(members.vconfPath == "db/k" && members.isExistVconfCallback && members.valueType == 2);
+    EXPECT_TRUE(members.nodeList.at(0)->userData == one);
+    members.nodeList[0]->callback = nullptr;  // is passed over
     mock::fire("db/k", mock::text("x"));
     EXPECT_EQ(Events(), told());
 }
@@ -377,37 +373,26 @@ void stopOther(const std::string& event, const std::function<void()>& other, con
 
 TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
 {
-    const ZOLStringCallback callbacks[] = {on<std::string, 1>, on<std::string, 2>, on<std::string, 3>,
-                                           on<std::string, 4>, on<std::string, 5>, on<std::string, 6>};
     at(kNotify, giveWay);
-    std::vector<std::function<void()>> registrations;
-    for (const auto callback : callbacks) {
-        registrations.emplace_back([callback] { EXPECT_EQ(1, addLanguage(callback, one)); });
-    }
     for (int round = 0; round < kRounds; ++round) {
-        runAtOnce(registrations);
+        runAtOnce({[] { EXPECT_EQ(1, addLanguage(onText, one)); }, [] { EXPECT_EQ(1, addLanguage(onTextToo, one)); },
+                   [] { EXPECT_EQ(1, addLanguage(onTextThree, one)); }});
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-        EXPECT_EQ(registrations.size(), told().size());
-        for (const auto callback : callbacks) {
+        EXPECT_EQ(Events(3, "x one"), told());
+        for (const auto callback : {onText, onTextToo, onTextThree}) {
             EXPECT_EQ(1, removeLanguage(callback));
         }
     }
 }
 
-TEST_F(NotifyTest, ARegistrationDuringTheLastRemovalIsSubscribed)
+TEST_F(NotifyTest, ARegistrationDuringTheLastRemovalIsSubscribedAndADeliveryCallsNobody)
 {
     for (int round = 0; round < kRounds; ++round) {
         removeLastDuring([] { EXPECT_EQ(1, addLanguage(onTextToo, two)); });
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
         ASSERT_EQ(Events{"x two"}, told());
         EXPECT_EQ(1, removeLanguage(onTextToo));
-    }
-}
-
-TEST_F(NotifyTest, ADeliveryDuringTheLastRemovalCallsNobody)
-{
-    for (int round = 0; round < kRounds; ++round) {  // it is past its look at the flag while the list is being emptied
-        removeLastDuring([] { mock::fire(kLanguage, mock::text("x")); });
+        removeLastDuring([] { mock::fire(kLanguage, mock::text("x")); });  // which is past its look at the flag
         EXPECT_EQ(Events(), told());
     }
 }
@@ -444,7 +429,7 @@ TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
     EXPECT_EQ(Events{"x one"}, told());
 }
 
-TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)
+TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAThreadIsInsideIt)
 {
     // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed
     mock::refuse("vconf_notify_key_changed");
@@ -462,10 +447,7 @@ TEST_F(NotifyTest, AWatcherIsNotReleasedUnderAnOperationThatIsInsideIt)
     stopOther(
         added("callback is NULL"), [] { EXPECT_EQ(0, addLanguage(nullptr, one)); }, removeLast,
         released("ZOLLanguage", {}));
-}
-
-TEST_F(NotifyTest, AWatcherIsNotReleasedUnderADispatchThatIsInsideIt)
-{
+    // a dispatch that finds the watcher unsubscribed
     mock::refuse("vconf_notify_key_changed");
     EXPECT_EQ(0, addLanguage(onText, one));
     const mock::Subscription refused = mock::Locked()->attempted;
@@ -542,19 +524,27 @@ TEST_F(NotifyTest, TopicsShareNeitherALockNorACacheLine)
     EXPECT_EQ(0U, (language - activated) % 64);
 }
 
-// In a callback, and, where a log line may be the end of a cancelled thread, in the midst of a release.
-TEST_F(NotifyTest, AThreadThatEndsHoldsNothingUp)
+// A thread may end in a callback and, where log lines are points of cancellation, in the midst of a release.
+TEST_F(NotifyTest, ACallbackThatThrowsOrEndsItsThreadHoldsNothingUp)
 {
-    const ZOLStringCallback ends[] = {[](std::string, void*) { pthread_exit(nullptr); },
-                                      [](std::string, void*) { pthread_cancel(pthread_self()); }};
+    const ZOLStringCallback thrower = [](std::string, void*) { throw std::runtime_error("from a callback"); };
+    std::string caught = calling(untyped(thrower));
+    caught.replace(caught.find("call cb"), 7, "exception in cb");
+    const std::pair<ZOLStringCallback, Events> callbacks[] = {
+        // and what comes after their call
+        {thrower, {caught, calling(untyped(onText)), "x one"}},
+        {[](std::string, void*) { pthread_exit(nullptr); }, {}},
+        {[](std::string, void*) { pthread_cancel(pthread_self()); }, {calling(untyped(onText))}}};
     mock::setHook([](const std::string&) { pthread_testcancel(); });
-    for (const auto end : ends) {
-        EXPECT_EQ(1, addLanguage(end, nullptr));
+    for (auto [callback, events] : callbacks) {
+        EXPECT_EQ(1, addLanguage(callback, nullptr));
         EXPECT_EQ(1, addLanguage(onText, one));
+        mock::takeEvents();
         std::thread([] { mock::fire(kLanguage, mock::text("x")); }).join();
-        EXPECT_EQ(Events(), told());
-        EXPECT_EQ(1, removeLanguage(end));
-        mock::fire(kLanguage, mock::text("y"));
+        events.insert(events.begin(), {invoked(kLanguage), calling(untyped(callback))});
+        mock::did(events);
+        EXPECT_EQ(1, removeLanguage(callback));
+        EXPECT_EQ(1, mock::fire(kLanguage, mock::text("y")));
         EXPECT_EQ(Events{"y one"}, told());
         EXPECT_EQ(1, removeLanguage(onText));
     }
@@ -565,20 +555,6 @@ TEST_F(NotifyTest, AThreadThatEndsHoldsNothingUp)
     });
     std::thread([] { removeLanguage(onText); }).join();
     mock::did(released("ZOLLanguage", {kRemoving, removed("nodeList is empty, call "), kIgnore}));
-}
-
-TEST_F(NotifyTest, ACallbackThatThrowsHoldsNothingUp)
-{
-    const ZOLStringCallback thrower = [](std::string, void*) { throw std::runtime_error("from a callback"); };
-    EXPECT_EQ(1, addLanguage(thrower, nullptr));
-    EXPECT_EQ(1, addLanguage(onText, one));
-    mock::takeEvents();
-    mock::fire(kLanguage, mock::text("x"));
-    std::string caught = calling(untyped(thrower));
-    caught.replace(caught.find("call cb"), 7, "exception in cb");
-    mock::did({invoked(kLanguage), calling(untyped(thrower)), caught, calling(untyped(onText)), "x one"});
-    EXPECT_EQ(1, removeLanguage(thrower));
-    EXPECT_EQ(1, removeLanguage(onText));
 }
 
 constexpr auto addActivated = ZOLSystemDataNotify::RegisterZOLActivatedCallback;
