@@ -1,5 +1,6 @@
 /// @file
-/// The watcher of one vconf key, behind the operations of ZOLSystemDataNotify. Most callers want those.
+/// The watcher of one vconf key, behind the operations of ZOLSystemDataNotify, for C++ (C++11 or later). Most callers
+/// want those operations.
 #ifndef VCONF_CALLBACK_GENERATOR_H
 #define VCONF_CALLBACK_GENERATOR_H
 

@@ -1,5 +1,5 @@
 /// @file
-/// Being told when the TV's system data changes.
+/// Being told when the TV's system data changes, for C++ (C++11 or later).
 #ifndef ZOL_SYSTEM_DATA_NOTIFY_H
 #define ZOL_SYSTEM_DATA_NOTIFY_H
 
@@ -42,9 +42,12 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// When user data may be freed: as soon as the unregister operation has returned, on whichever thread. The callback
 /// then does not run and will not run again.
 ///
-/// Threads: every operation may be called from any thread. A process that calls fork() keeps its registrations; the
-/// child starts without any. Errors are reported by results and in the log under the tag "libZOL"; nothing is thrown
-/// but std::bad_alloc when a topic's registration needs a new watcher and finds no memory.
+/// Threads: every operation may be called from any thread. A thread may end in a callback, or be cancelled there; the
+/// callbacks after it are not called for that change. Errors are reported by results and in the log under the tag
+/// "libZOL"; nothing is thrown but std::bad_alloc when a registration needs a new watcher and finds no memory.
+///
+/// Processes: after fork() the child may read and write. It must not use these operations if the parent has used any
+/// of them before. To watch in a child, fork before the first registration or call exec in the child.
 ///
 /// @code
 /// void onActivated(bool activated, void* userData) { static_cast<Assistant*>(userData)->show(activated); }

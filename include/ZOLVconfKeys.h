@@ -1,5 +1,5 @@
 /// @file
-/// The name of every vconf key that the library reads, writes or watches, each written down once.
+/// The name of every vconf key that the library reads, writes or watches, each written down once, for C++.
 /// The library, the tests and the tools take the names from here. They are the platform's own names and are used
 /// exactly as they stand, "nagative_colors" and "alexa_language" included.
 #ifndef ZOL_VCONF_KEYS_H

@@ -56,7 +56,7 @@ RULES = {
     "swapped operation": swap(r"(?<=return ZOLSystemData::)(?!Is)\w+(?=\()|(?<=return ZOLSystemDataNotify::)\w+(?=\()",
                               lambda m: following(m.group(), OPERATIONS)),
     "lost log line": drop(r"^\s*dlog_print\(.*\);"),
-    "dropped lock": drop(r"lock_guard|unique_lock|\block\(\);|unlock\(\);|holdStill\(\);|\bTurn turn|lockList\(\);|\.wait\("),
+    "dropped lock": drop(r"lock_guard|unique_lock|\block\(\);|unlock\(\);"),
     "dropped call": drop(r"^\s+(?!dlog_print)[\w:.>\-]+(?<!\block)(?<!unlock)\([^{]*\);"),
     "dropped assignment": drop(r"^\s+[\w.>\-\[\]]+ = [^{]*;|^\s+(\+\+|--)[\w.>\-]+;"),
     "inverted flag": swap(r"\b(?:true|false)\b(?=[;,)])", {"true": "false", "false": "true"}),

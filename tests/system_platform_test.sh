@@ -9,6 +9,7 @@ prefix=$scratch/prefix
 cmake --install "$2" --component desk --prefix "$prefix" >"$scratch/log"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vconf.pc)")
 export PKG_CONFIG_PATH
+sed -i 's/struct keynode_t/struct tv_keynode/' "$(find "$prefix" -name vconf.h)" # a TV's record may have any tag
 if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=OFF -DBUILD_TESTING=OFF &&
     cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1; then
     cat "$scratch/log"
@@ -16,6 +17,10 @@ if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS
     exit 1
 fi
 
+if ! nm -D "$scratch/build/lib/libcapi-zol-tv.so" | grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$'; then
+    echo "FAILED: the library does not export VconfCallbackMethod for the prefix's record"
+    exit 1
+fi
 libraries=$(ldd "$scratch/build/lib/libcapi-zol-tv.so")
 if [ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" != 2 ]; then
     echo "FAILED: the library does not link the prefix's platform: $libraries"
