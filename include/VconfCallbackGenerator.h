@@ -1,6 +1,5 @@
 /// @file
-/// The watcher of one vconf key, behind the operations of ZOLSystemDataNotify, for C++ (C++11 or later). Most callers
-/// want those operations.
+/// The watcher of one vconf key, behind the operations of ZOLSystemDataNotify, which most callers want. For C++.
 #ifndef VCONF_CALLBACK_GENERATOR_H
 #define VCONF_CALLBACK_GENERATOR_H
 
@@ -69,7 +68,7 @@ public:
 
     /// Hands a change to the callbacks of a watcher. vconf calls it. What callbacks throw is caught and logged.
     /// @param node      The key and its new value, read according to the watcher's type.
-    /// @param userData  The watcher. One of ZOLSystemDataNotify may be gone already; then nobody is called.
+    /// @param userData  The watcher. One of ZOLSystemDataNotify may be gone already, which does no harm.
     static void VconfCallbackMethod(keynode_t* node, void* userData);
 
     /// @return the key.

@@ -1,5 +1,5 @@
 /// @file
-/// Marks what the library exports; everything else is hidden.
+/// Marks what the library exports, for C++; everything else is hidden.
 #ifndef ZOL_EXPORT_H
 #define ZOL_EXPORT_H
 

@@ -34,10 +34,10 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 ///
 /// What a callback may do: use every getter and setter, and register and unregister on every other topic. It must not
 /// register or unregister on its own topic: that waits for the delivery that it is part of, for ever. Where vconf
-/// delivers on several threads, two topics must not do so on each other: while the callbacks of a topic run, a
-/// registration on it waits for them, so two callbacks that do it at the same time would wait for each other. With a
-/// vconf that delivers on one thread, as the desk's does, this cannot happen. An exception that leaves a callback is
-/// caught and logged, and the next callback is called.
+/// delivers on several threads, topics must not do so on each other in a ring: while the callbacks of a topic run, a
+/// registration on it waits for them, so callbacks that do it at the same time would wait for each other. With a vconf
+/// that delivers on one thread, as the desk's does, this cannot happen. An exception that leaves a callback is caught
+/// and logged, and the next callback is called.
 ///
 /// When user data may be freed: as soon as the unregister operation has returned, on whichever thread. The callback
 /// then does not run and will not run again.

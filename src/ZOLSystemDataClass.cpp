@@ -264,7 +264,9 @@ public:
     }
 
 private:
-    bool isInEntry() const { return depth_ == 2; }  // and in nothing inside it
+    // And in nothing inside it. Also true where there is no entry, in an array in the list or an object in an object,
+    // but the one has no members, and in the other it is not a list that is read.
+    bool isInEntry() const { return depth_ == 2; }
     void enter()
     {
         ++depth_;
@@ -376,15 +378,15 @@ bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
     Buffer copy;
     ListReader<ListCopier> list(copy, appid);
-    bool isList = copyStored(list);
-    if (!isList) {
+    const bool parsed = copyStored(list);
+    if (!parsed) {
         dlog_print(ZOL_LINE("json parsing is failed"));
     } else if (!list.isList()) {
         dlog_print(ZOL_LINE("json is invalid (root.isArray())"));
-        isList = false;
     }
-    setString(key::ZOLConcurrentAppList, isList ? withMode({copy.GetString(), copy.GetSize()}, list.mode, appid, mode)
-                                                : withMode("[]", std::nullopt, appid, mode));
+    setString(key::ZOLConcurrentAppList, parsed && list.isList()
+                                             ? withMode({copy.GetString(), copy.GetSize()}, list.mode, appid, mode)
+                                             : withMode("[]", std::nullopt, appid, mode));
     return true;
 }
 

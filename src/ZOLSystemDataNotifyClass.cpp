@@ -22,8 +22,8 @@ struct alignas(64) WatcherSlot {
     int users = 0;                              // operations and dispatches inside the watcher
     const char* releaseFor = nullptr;           // the unregister operation that wants the watcher released
     VconfCallbackGenerator* watcher = nullptr;  // in one of the places, which are used in turn
-    unsigned made = 0;
-    std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> places[2];
+    unsigned released = 0;                      // watchers so far
+    std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> places[2] = {};
 };
 
 namespace {
@@ -49,7 +49,7 @@ constexpr Topic kTopics[] = {
     {key::ZOLMultipleMode, DATA_TYPE_BOOL},
 };
 
-// The row of a key, named by the very constant that stands in the table. A key without a row does not compile.
+// The row of a key. A key without a row does not compile. The key must be the very constant that stands in the table.
 template <const char* path>
 constexpr std::size_t rowOf = [] {
     std::size_t row = 0;
@@ -76,15 +76,15 @@ void* untyped(Callback callback)
     return reinterpret_cast<void*>(callback);
 }
 
-// This and the next are not inlined, as nothing is gained by two dozen copies.
+// This and the next are not inlined: two dozen copies gain nothing.
 [[gnu::noinline]] int add(std::size_t row, const char* operation, void* callback, void* userData)
 {
     WatcherSlot& slot = slots[row];
     std::unique_lock<std::mutex> guard(slot.keyLock);
     if (slot.watcher == nullptr) {
-        const Topic& topic = kTopics[row];
-        dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), topic.key);
-        slot.watcher = new (&slot.places[slot.made++ % 2]) VconfCallbackGenerator(topic.type, topic.key);
+        const auto& [path, type] = kTopics[row];
+        dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), path);
+        slot.watcher = new (&slot.places[slot.released % 2]) VconfCallbackGenerator(type, path);
     }
     const WatcherUse use(slot, nullptr);
     guard.unlock();
@@ -123,23 +123,25 @@ WatcherUse::~WatcherUse()
         return;
     }
     const std::lock_guard<std::mutex> guard(slot_->keyLock);
-    const char*& releaseFor = slot_->releaseFor;
     if (unregistration_ != nullptr) {
-        releaseFor = unregistration_;
+        slot_->releaseFor = unregistration_;
     }
-    if (--slot_->users > 0 || releaseFor == nullptr) {
+    if (--slot_->users > 0 || slot_->releaseFor == nullptr) {
         return;
     }
     if (slot_->watcher != nullptr && !slot_->watcher->IsExistVconfCallback()) {
         int cancelState = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);  // a thread may be cancelled in a log line
-        dlog_print(ZOL_LINE_OF(releaseFor, "Remove callbackGenerator"));
+        dlog_print(ZOL_LINE_OF(slot_->releaseFor, "Remove callbackGenerator"));
         slot_->watcher->~VconfCallbackGenerator();
         slot_->watcher = nullptr;
+        ++slot_->released;
         pthread_setcancelstate(cancelState, nullptr);
     }
-    releaseFor = nullptr;
+    slot_->releaseFor = nullptr;
 }
+
+bool WatcherUse::isOfRegistry(const VconfCallbackGenerator* watcher) { return slotAt(watcher) != nullptr; }
 
 int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, std::mutex& /*keyLock*/)
 {

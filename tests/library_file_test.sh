@@ -25,6 +25,7 @@ platform=$(printf '%s\n' dlog_print vconf_{get,set}_{bool,int,str} vconf_{ignore
 same "symbols needed from the platform" "$platform" \
     "$(nm -D --undefined-only --format=posix "$library" | awk '$1 !~ /@/ && $2 == "U" { print $1 }')"
 
+same "routines that run when the library is loaded" 0 "$(nm "$library" | grep -c _GLOBAL__sub_I || true)"
 same "soname" "libcapi-zol-tv.so.1" "$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
 for name in libcapi-zol-tv.so libcapi-zol-tv.so.1; do
     link=$(dirname "$library")/$name

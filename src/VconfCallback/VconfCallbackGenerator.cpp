@@ -13,7 +13,8 @@
 namespace {
 
 // Calls the callbacks, first registered first. What one throws stops here: vconf is C code, and the others are to be
-// called all the same. The same goes for a text that cannot be copied.
+// called all the same. The same goes for a text that cannot be copied. Each callback gets a new Value made from
+// `value`.
 template <class Value, class From>
 void callAll(const std::vector<CallbackNode*>& list, From value)
 {
@@ -27,7 +28,7 @@ void callAll(const std::vector<CallbackNode*>& list, From value)
             reinterpret_cast<void (*)(Value, void*)>(node->callback)(Value(value), node->userData);
         } catch (...) {
             if (std::current_exception() == nullptr) {
-                throw;  // not C++'s: the thread is ending, which cannot be stopped
+                throw;  // not a C++ exception: the thread is ending, which cannot be stopped
             }
             dlog_print(ZOL_LINE_OF("VconfCallbackMethod", "exception in cb (%p)"), node->callback);
         }
@@ -45,7 +46,10 @@ VconfCallbackGenerator::VconfCallbackGenerator(DataValueType type, const std::st
 VconfCallbackGenerator::~VconfCallbackGenerator()
 {
     dlog_print(ZOL_BARE_LINE("Start"));
-    const std::lock_guard<std::mutex> guard(listMutex);  // waits for a dispatch only where somebody made the watcher
+    std::unique_lock<std::mutex> guard(listMutex, std::defer_lock);
+    if (!WatcherUse::isOfRegistry(this)) {
+        guard.lock();  // waits for the dispatch that runs; in a watcher of the registry there is none
+    }
     for (CallbackNode* node : nodeList) {
         std::free(node);
     }
@@ -57,7 +61,6 @@ int VconfCallbackGenerator::RegisterCallback(void* callback, void* userData)
         dlog_print(ZOL_LINE("callback is NULL"));
         return 0;
     }
-
     const std::lock_guard<std::mutex> guard(listMutex);
     if (!isExistVconfCallback) {
         if (vconf_notify_key_changed(vconfPath.c_str(), VconfCallbackMethod, this) != 0) {
@@ -100,7 +103,6 @@ int VconfCallbackGenerator::UnregisterCallback(void* callback)
         dlog_print(ZOL_LINE("isExistVconfCallback is false"));
         return 0;
     }
-
     const std::lock_guard<std::mutex> guard(listMutex);
     if (nodeList.empty()) {
         dlog_print(ZOL_LINE("NodeList is emptry"));
@@ -132,7 +134,7 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
         dlog_print(ZOL_LINE("vconf keynode_t is NULL"));
         return;
     }
-    dlog_print(ZOL_LINE("Vconf cb invoked : %s"), node->keyname != nullptr ? node->keyname : "");
+    dlog_print(ZOL_LINE("Vconf cb invoked : %s"), node->keyname);
     if (userData == nullptr) {
         dlog_print(ZOL_LINE("This can not be a null pointer"));
         return;
@@ -143,7 +145,6 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
         dlog_print(ZOL_LINE("isExistVconfCallback is FALSE"));
         return;
     }
-
     const std::lock_guard<std::mutex> guard(watcher->listMutex);
     const auto& list = watcher->nodeList;
     switch (watcher->valueType) {
