@@ -170,7 +170,7 @@ TEST_F(StoreTest, ChoosesFoldersByTheEnvironmentAndKeepsThemPrivate)
 TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValuesThatWereWritten)
 {
     const uid_t other = geteuid() == 0 ? 65534 : geteuid();
-    const std::string otherName = std::to_string(other);
+    const std::string otherName = std::to_string(other), chown = "chown -R " + otherName + " store; ";
     struct Row {
         std::string line;              // none: the store works
         std::string prepare = "true";  // for the shell, in the scratch folder, with the name of the half's folder
@@ -178,54 +178,44 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValuesThatWereWrit
         std::string variable = "ZOL_VCONF_DIR", half = "";
     };
     const std::string mount = "mount --make-rprivate /; mkdir store; mount -t tmpfs none ";
-    const std::string disk = mount + "store -o mode=700,";
-    const std::string toOther =
-        "chown -R " + otherName + " store; chmod 755 .";  // who can go in then, and uses the store
+    const std::string toOther = chown + "chmod 755 .";  // who can go in then, and uses the store
     const std::string copy = "cp -rp sound store; cd store/$HALF; ";
     std::vector<Row> rows = {
         {"must be an absolute path", "true", "store"},
-        {"must be an absolute path", "true", "store", "HOME", "db"},
         {"must be an absolute path", "true", "store", "XDG_STATE_HOME", "db"},
-        {"must be an absolute path", "mkdir store", "store", "XDG_RUNTIME_DIR", "memory"},
         {"set HOME", "true", "", "HOME", "db"},
         {"No such file", "true", "/store/no"},
         {"is not a folder", "touch store"},
-        {"others may write", "mkdir -m 770 store"},
-        {"others may write", "mkdir -m 707 store"},
-        {"others may look", "mkdir -m 700 store; mkdir -m 711 store/$HALF"},
-        {"is a link", "mkdir -m 700 real; mkdir -m 1777 store; ln -s ../real store/link", "/store/link"},
-        {"another user", "ln -s / store; chmod 755 ."},
-        {"another user", "mkdir -m 700 store; ln -s / store/$HALF; " + toOther},
-        {"Permission denied", "chmod 755 .; chmod 555 ."},
+        {"set ZOL_VCONF_DIR", "mkdir -m 707 store"},
+        {"run chmod 700", "mkdir -p store/zol-tv; chmod 770 store/zol-tv", "/store", "XDG_RUNTIME_DIR", "memory"},
+        {"run chmod 700", "mkdir -m 700 store; mkdir -m 711 store/$HALF"},
+        {"set ZOL_VCONF_DIR", "ln -s / store; chmod 755 ."},
+        {"set ZOL_VCONF_DIR", "mkdir -p real; chown " + otherName + " real; ln -s real store; chmod 755 ."},
+        {"set ZOL_VCONF_DIR", mount + "/dev/shm; mkdir -m 777 /dev/shm/zol-tv-" + otherName + "; chmod 755 .", "",
+         "HOME", "memory"},
         {"Permission denied", "mkdir -m 500 store; " + toOther},
-        {"Permission denied", "mkdir -m 500 store; " + toOther, "/store", "XDG_STATE_HOME", "db"},
-        {"No space left", disk + "size=264k"},  // for the lock file and half the data file's head
-        {"No space left",
-         disk + "size=99k; mkdir -m 700 store/$HALF; cp sound/$HALF/[ds]* store/$HALF; yes >store/x; true"},
-        {"Read-only", disk + "ro"},
-        {"another user", mount + "/dev/shm; mkdir -m 777 /dev/shm/zol-tv-" + otherName + "; chmod 755 .", "", "HOME",
-         "memory"},
+        {"No space left", mount + "store -o mode=700,size=264k"},  // for the lock file and half the data file's head
+        {"No space left", mount + "store -o mode=700,size=99k; mkdir -m 700 store/$HALF; "
+                                  "cp sound/$HALF/[ds]* store/$HALF; yes >store/x; true"},
         {"removed or emptied", copy + "rm data.mdb"},
-        {"start afresh", copy + "head -c 8192 /dev/zero | dd of=data.mdb conv=notrunc"},
+        {"removed or emptied", copy + "truncate -s 0 data.mdb"},
+        {"afresh", copy + "head -c 8192 /dev/zero | dd of=data.mdb conv=notrunc"},
         {"VERSION_MISMATCH", copy + "printf c | dd of=data.mdb bs=1 seek=20 conv=notrunc"},
-        {"emptied", copy + "truncate -s 0 data.mdb"},
         {"afresh", copy + "truncate -s 300 data.mdb"},
-        {"afresh", copy + "truncate -s 4096 data.mdb"},
-        {"afresh", copy + "truncate -s -1 data.mdb"},
+        {"cut short", copy + "truncate -s -1 data.mdb"},
         {"", copy},  // with the lock file of a process that was killed
-        {"",
-         "rm -rf real; cp -rp sound real; ln -s real store; cp -rp sound/$HALF real/volatile-" + std::string(36, '0')},
-        {"", copy + "yes | head -c 100 >lock.mdb"},
+        {"", "rm -rf real; cp -rp sound real; ln -s real store"},
         {"", copy + "yes | head -c 300000 >lock.mdb"},
         {"", copy + "rm lock.mdb signal"},
     };
-    if (geteuid() == 0) {
-        rows.push_back({"is a link", "mkdir -p store; ln -s ../real store/link; chown 1 store", "/store/link"});
-    }
     for (const std::string file : {"data.mdb", "lock.mdb", "signal"}) {
         rows.push_back({"let this user", copy + "chmod 0 " + file + "; cd ../..; " + toOther});
-        for (const std::string kind : {"mkdir ", "mkfifo ", "ln -s ../../"}) {
-            rows.push_back({"not a regular file", copy + "mv " + file + " ../..; " + kind + file});
+        rows.push_back({"/" + file + ": it is not a regular file", copy + "mv " + file + " ../..; mkfifo " + file});
+        for (const std::string harm : {"chmod 640 ", "ln -t .. ", "mv -t .. ", "chown 1 "}) {
+            const bool moved = harm == "mv -t .. ", owned = harm == "chown 1 ";
+            if (!owned || geteuid() == 0) {
+                rows.push_back({"/" + file + ": it is not", copy + harm + file + (moved ? "; ln -s ../" + file : "")});
+            }
         }
     }
     const bool mayMount = geteuid() == 0 && run("unshare -m mount -t tmpfs none /tmp");
@@ -260,6 +250,20 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValuesThatWereWrit
             expectLog(each.line, works ? 0 : 2);
         }
     }
+}
+
+TEST_F(StoreTest, ServesAProgramThatHasEndedItsMainThread)
+{
+    inChild([] {
+        static const pthread_t main = pthread_self();
+        std::thread([] {
+            pthread_join(main, nullptr);
+            REQUIRE(put("db/a", 1) && vconf_notify_key_changed(
+                                          "db/a", [](keynode_t*, void*) {}, nullptr) == 0);
+            _exit(0);
+        }).detach();
+        syscall(SYS_exit, 0);  // of this thread alone
+    });
 }
 
 TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)

@@ -75,7 +75,7 @@ using WriteTransaction = std::unique_ptr<MDB_txn, Abort>;
 
 // ---- opening --------------------------------------------------------------------------------------------------------
 
-Store::Store(Lifetime lifetime) : folder_(lifetime)
+Store::Store(Lifetime lifetime) : folder_(findFolder(lifetime))
 {
     try {
         open(lifetime);
@@ -90,7 +90,7 @@ Store::Store(Lifetime lifetime) : folder_(lifetime)
 
 void Store::open(Lifetime lifetime)
 {
-    folder_.prepareFiles(kNewDataSize, kLockSize);
+    prepareFiles(folder_, kNewDataSize, kLockSize);
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
     checked("set up", mdb_env_set_mapsize(env_, kMapSize));
@@ -98,7 +98,7 @@ void Store::open(Lifetime lifetime)
     // A persistent write is flushed in two steps, see write().
     synced_ = lifetime == Lifetime::Persistent;
     const unsigned flags = synced_ ? MDB_NOMETASYNC : MDB_NOSYNC;
-    checked("open", mdb_env_open(env_, folder_.handle().c_str(), flags, 0600));
+    checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
     checkDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
@@ -116,11 +116,10 @@ void Store::checkDataFile() const
     checked("inspect", mdb_env_get_fd(env_, &fd));
     struct stat status {};
     if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
-        throw Error("cannot use the store in " + folder_.path() + ": its files were removed; restart this program");
+        throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
     if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
-        throw Error("cannot use " + folder_.path() +
-                    "/data.mdb: it has been cut short; remove the folder to start afresh");
+        throw Error("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
     }
 }
 
@@ -148,12 +147,12 @@ void Store::openSignal()
 {
     signal_ = ::open(signalPath().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (signal_ < 0) {
-        throw Error("cannot open " + folder_.path() + "/signal" + ": " + std::strerror(errno));
+        throw Error("cannot open " + folder_ + "/signal" + ": " + std::strerror(errno));
     }
     // Its one byte takes its place on the disk now, so that a full disk cannot keep a later signal from being given.
     struct stat status {};
     if (fstat(signal_, &status) != 0 || (status.st_size == 0 && pwrite(signal_, "\0", 1, 0) != 1)) {
-        throw Error("cannot write to " + folder_.path() + "/signal" + ": " + std::strerror(errno));
+        throw Error("cannot write to " + folder_ + "/signal" + ": " + std::strerror(errno));
     }
 }
 
@@ -186,7 +185,7 @@ void Store::fail(const std::string& what, int code) const
         default:
             break;
     }
-    throw Error("cannot " + what + " the store in " + folder_.path() + ": " + mdb_strerror(code) + advice);
+    throw Error("cannot " + what + " the store in " + folder_ + ": " + mdb_strerror(code) + advice);
 }
 
 void Store::checked(const char* what, int code) const

@@ -90,9 +90,9 @@ public:
 
     /// The file that is written to after every write. A process that has it open for writing and ends, whichever way,
     /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
-    std::string signalPath() const { return folder_.handle() + "/signal"; }
+    std::string signalPath() const { return folder_ + "/signal"; }
 
-    const std::string& folder() const { return folder_.path(); }
+    const std::string& folder() const { return folder_; }
 
     /// In a child process: gives up the file that would keep other processes from noticing the parent's end.
     void closeSignalInChild();
@@ -108,7 +108,7 @@ private:
     [[noreturn]] void fail(const std::string& what, int code) const;
     void checked(const char* what, int code) const;
 
-    Folder folder_;
+    const std::string folder_;
     MDB_env* env_ = nullptr;
     MDB_dbi values_ = 0;
     MDB_dbi journal_ = 0;
