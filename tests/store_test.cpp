@@ -252,8 +252,22 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValuesThatWereWrit
     }
 }
 
-TEST_F(StoreTest, ServesAProgramThatHasEndedItsMainThread)
+TEST_F(StoreTest, ServesAProgramThatHasClosedItsStandardFilesOrEndedItsMainThread)
 {
+    inChild([] {
+        char byte = 0;
+        for (const auto& use : {+[] { return put("db/a", 1) && !put("", 1); },
+                                +[] {
+                                    return vconf_notify_key_changed(
+                                               "db/a", [](keynode_t*, void*) {}, nullptr) == 0;
+                                }}) {
+            close(0), close(1), close(2);
+            REQUIRE(use());
+            for (const int fd : {0, 1, 2}) {
+                REQUIRE(read(fd, &byte, 1) < 0 && write(fd, &byte, 1) < 0);
+            }
+        }
+    });
     inChild([] {
         static const pthread_t main = pthread_self();
         std::thread([] {

@@ -173,4 +173,15 @@ void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
     reserve(data, dataSize);
 }
 
+void occupyStandardFiles()
+{
+    int fd = -1;
+    do {
+        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as before
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 }  // namespace vconf

@@ -23,6 +23,10 @@ std::string findFolder(Lifetime lifetime);
 /// @throws std::runtime_error with a message for the log when one cannot be used.
 void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize);
 
+/// Sees to it that no file that is opened next gets the number of a standard file that the program has closed, which
+/// it would then read or write.
+void occupyStandardFiles();
+
 }  // namespace vconf
 
 #endif

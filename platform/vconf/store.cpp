@@ -90,6 +90,7 @@ Store::Store(Lifetime lifetime) : folder_(findFolder(lifetime))
 
 void Store::open(Lifetime lifetime)
 {
+    occupyStandardFiles();
     prepareFiles(folder_, kNewDataSize, kLockSize);
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
