@@ -155,14 +155,9 @@ void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
             continue;
         }
         // Somebody else may have put it there, or have it open, since before the folder was closed to others.
-        if (!S_ISREG(status.st_mode) || status.st_uid != geteuid() || status.st_nlink != 1 ||
-            (status.st_mode & kOfOthers) != 0) {
+        if (status.st_mode != (S_IFREG | S_IRUSR | S_IWUSR) || status.st_uid != geteuid() || status.st_nlink != 1) {
             fail("refused ", file,
-                 "it is not a regular file of your own, closed to others and with one name; remove the folder to start "
-                 "afresh");
-        }
-        if (faccessat(AT_FDCWD, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
-            fail("cannot use ", file, std::strerror(errno) + std::string("; let this user read and write it"));
+                 "it must be a regular file of your own with mode 600 and one name; remove the folder to start afresh");
         }
     }
     // The signal file comes last when a store is made, and every write comes after it.
