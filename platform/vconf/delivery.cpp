@@ -103,13 +103,33 @@ void Delivery::startThread()
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread{};
-    const auto body = [](void* self) -> void* { static_cast<Delivery*>(self)->run(); };
+    const auto body = [](void* self) -> void* {
+        // Ends by pthread_exit or cancellation in a handler, or not at all.
+        const std::unique_ptr<Delivery, void (*)(Delivery*)> ending(static_cast<Delivery*>(self),
+                                                                    [](Delivery* of) { of->replaceThread(); });
+        ending->run();
+    };
     const int code = pthread_create(&thread, nullptr, body, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (code != 0) {
         throw Error(std::string("cannot start the delivering thread: ") + std::strerror(code));
     }
     pthread_detach(thread);
+}
+
+void Delivery::replaceThread()
+{
+    if (getpid() != pid_) {
+        return;  // a child, where this was the parent's thread
+    }
+    logLine("delivery", "a handler has ended the delivering thread; another one goes on with the next write");
+    const std::lock_guard<std::mutex> guard(lock_);
+    try {
+        startThread();
+    } catch (const std::exception& error) {
+        running_ = false;  // the next subscription tries again
+        logLine("delivery", error.what());
+    }
 }
 
 // ---- the thread -----------------------------------------------------------------------------------------------------

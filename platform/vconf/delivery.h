@@ -22,7 +22,8 @@ namespace vconf {
 ///
 /// The thread sleeps until a signal file is written to or closed (so also when a process that had the store open ends),
 /// then reads the journals onward from where it stopped. A process that falls behind by more than the journal holds
-/// gets the newest value of each subscribed key that changed, once, and a line in the log.
+/// gets the newest value of each subscribed key that changed, once, and a line in the log. When a handler ends the
+/// thread, another one goes on with the next write.
 class Delivery {
 public:
     /// Starts the thread if it does not run yet.
@@ -61,6 +62,7 @@ private:
     void deliver(const Write& write);
     Batch collect(const Half& from);
     void startThread();
+    void replaceThread();
 
     // Protects everything below but a half's `seen`. Never held while a handler runs. A read of the store may happen
     // under it, but no write and no first opening.
