@@ -44,7 +44,11 @@ size_t bytesOf(const MDB_stat& table)
     return (table.ms_branch_pages + table.ms_leaf_pages + table.ms_overflow_pages) * table.ms_psize;
 }
 
-void closeFolder(const int* folder) { close(*folder); }
+void closeFolder(const int* folder)
+{
+    flock(*folder, LOCK_UN);  // also where a child that another thread forked meanwhile has it open, too
+    close(*folder);
+}
 
 struct Abort {
     void operator()(MDB_txn* txn) const { mdb_txn_abort(txn); }
@@ -94,6 +98,10 @@ void Store::open()
         throw Error("cannot open " + folder_ + ": " + std::strerror(errno));
     }
     const std::unique_ptr<const int, decltype(&closeFolder)> closes(&folder, closeFolder);
+    // One process at a time: another one that LMDB opens the lock file for takes it to be set up, even if this one is
+    // killed before that.
+    while (flock(folder, LOCK_EX) != 0 && errno == EINTR) {
+    }
     try {
         openFiles();
     } catch (...) {
