@@ -41,7 +41,7 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
     if (size == 1 && fault == Fault::DieBeforeTelling) {
         raise(SIGKILL);
     }
-    if ((size == 1 && fault == Fault::CannotTell)) {
+    if ((size == 1 && fault == Fault::CannotTell) || (size > 16 && size < 4096 && fault == Fault::CannotWrite)) {
         fault = Fault::None;
         errno = EIO;
         return -1;
@@ -551,6 +551,29 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
             done.open(), done.open();
             EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
         }
+    }
+}
+
+TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
+{
+    for (const std::string key : {"db/a", "memory/a"}) {
+        inChild([&] {
+            Told told;
+            told.subscribe({key});
+            const auto ending = [](keynode_t* node, void* subscriber) {
+                Told::handler(node, subscriber);
+                pthread_exit(nullptr);
+            };
+            REQUIRE(vconf_notify_key_changed("memory/end", ending, &told) == 0);
+            REQUIRE(put("memory/end", 1) && told.take(1) == Lines{"memory/end=1"});
+            fault = Fault::CannotWrite;
+            REQUIRE(!put(key, 2) && number(key) == -1 && put(key, 3) && number(key) == 3);
+            REQUIRE(told.take(1) == Lines{key + "=3"});
+            _exit(0);  // the delivering thread still uses what is here
+        });
+        const std::string log = takeLog();
+        EXPECT_NE(std::string::npos, log.find("a handler has ended the delivering thread")) << log;
+        EXPECT_NE(std::string::npos, log.find("anew, since a write was broken off")) << log;
     }
 }
 

@@ -75,10 +75,23 @@ Use Store::use()
     return use;
 }
 
-MDB_txn* Store::begin(unsigned flags)
+MDB_txn* Store::begin(Use& use, unsigned flags)
 {
     MDB_txn* txn = nullptr;
     int code = mdb_txn_begin(env_, nullptr, flags, &txn);
+    if (code == MDB_PANIC) {  // LMDB refuses everything after a failed write of its own page, in this process alone
+        const MDB_env* const broken = env_;
+        use.unlock();
+        {
+            const std::lock_guard<std::shared_mutex> alone(lock_);
+            if (env_ == broken) {
+                logLine("store", ("opening " + folder_ + " anew, since a write was broken off").c_str());
+                close();
+            }
+        }
+        use = this->use();
+        code = mdb_txn_begin(env_, nullptr, flags, &txn);
+    }
     if (code == MDB_READERS_FULL) {
         mdb_reader_check(env_, nullptr);
         code = mdb_txn_begin(env_, nullptr, flags, &txn);
@@ -307,8 +320,8 @@ bool Store::journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Re
 
 void Store::write(std::string_view key, int type, std::string_view data)
 {
-    const Use open = use();
-    WriteTransaction txn(begin(0));
+    Use open = use();
+    WriteTransaction txn(begin(open, 0));
     checkDataFile();
 
     Record last;

@@ -71,7 +71,7 @@ private:
     friend class ReadTransaction;
 
     Use use();
-    MDB_txn* begin(unsigned flags);
+    MDB_txn* begin(Use& use, unsigned flags);
     void open();
     void openFiles();
     void openEnvironment();
@@ -97,7 +97,7 @@ private:
 /// A snapshot for reading. At most one may be open in a thread.
 class ReadTransaction {
 public:
-    explicit ReadTransaction(Store& store) : store_(store), use_(store.use()), txn_(store.begin(MDB_RDONLY)) {}
+    explicit ReadTransaction(Store& store) : store_(store), use_(store.use()), txn_(store.begin(use_, MDB_RDONLY)) {}
     ~ReadTransaction() { mdb_txn_abort(txn_); }
     ReadTransaction(const ReadTransaction&) = delete;
     ReadTransaction& operator=(const ReadTransaction&) = delete;
