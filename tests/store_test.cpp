@@ -531,7 +531,7 @@ TEST_F(StoreTest, AProcessFarBehindIsToldTheNewestValueOfEachChangedKeyOnce)
 TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 {
     for (const std::string key : {"db/a", "memory/a"}) {
-        for (const Fault next : {Fault::DieBeforeTelling}) {
+        for (const Fault next : {Fault::DieBeforeTelling, Fault::CannotTell}) {
             const Gate ready, done;
             const pid_t watcher = start([&] {
                 Told told;

@@ -348,7 +348,13 @@ void Store::write(std::string_view key, int type, std::string_view data)
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
-    (void)!pwrite(signal_, "", 1, 0);
+    if (pwrite(signal_, "", 1, 0) != 1) {
+        const int anew = ::open((folder_ + "/signal").c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+        if (anew >= 0) {
+            dup3(anew, signal_, O_CLOEXEC);  // closes what was there, which wakes the watchers, too
+            ::close(anew);
+        }
+    }
     if (lifetime_ == Lifetime::Persistent) {
         // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
         // should the machine fail meanwhile, they fail with it.
