@@ -49,6 +49,13 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
     return syscall(SYS_pwrite64, fd, data, size, offset);
 }
 
+static size_t mapSize = 0;  // of a smaller store, if not 0
+extern "C" int mdb_env_set_mapsize(MDB_env* env, size_t size)
+{
+    static const auto real = reinterpret_cast<decltype(&mdb_env_set_mapsize)>(dlsym(RTLD_NEXT, "mdb_env_set_mapsize"));
+    return real(env, mapSize == 0 ? size : mapSize);
+}
+
 namespace {
 
 std::string text(const std::string& key)
@@ -296,7 +303,7 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
     });
 }
 
-TEST_F(StoreTest, AFullDiskLeavesTheOldValueAndNextWritesWork)
+TEST_F(StoreTest, AFullDiskOrStoreLeavesTheOldValueAndNextWritesWork)
 {
     const std::string large(size_t{4} << 20, 'v');
     for (const char* key : {"db/a", "memory/a"}) {
@@ -311,6 +318,20 @@ TEST_F(StoreTest, AFullDiskLeavesTheOldValueAndNextWritesWork)
         });
         expectLog("disk may be full", 1);
     }
+    inChild([&] {
+        mapSize = size_t{64} << 20;
+        int count = 0;
+        for (size_t size = large.size(); size > 0; size /= 16) {
+            while (put("memory/" + std::to_string(count), large.substr(0, size))) {
+                ++count;
+            }
+        }
+        for (int i = 0; i < 600; ++i) {
+            REQUIRE(put("memory/" + std::to_string(i % count), i) && put("memory/a", "x"));
+        }
+        REQUIRE(put("memory/a", large));
+    });
+    expectLog("the store is full", 6);
 }
 
 TEST_F(StoreTest, FilesThatAreRemovedOrCutShortUnderAProcessAreNoticed)

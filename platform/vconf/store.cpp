@@ -17,6 +17,8 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
+constexpr size_t kHeadroom = size_t{16} << 20;  // for the writes that a full store takes: their pages and journal
+constexpr size_t kSmall = 512;                  // bytes of such a write
 constexpr size_t kJournalSlack = 256;
 constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
 constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
@@ -327,6 +329,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);
     uint64_t sequence = last.sequence + 1;
+    const size_t before = bytesOf(statOf(txn.get(), values_));
 
     const ValueHeader header{sequence, 0, static_cast<uint8_t>(type)};
     MDB_val name = valueOf(key);
@@ -345,6 +348,14 @@ void Store::write(std::string_view key, int type, std::string_view data)
     std::memcpy(to + sizeof entry + key.size(), data.data(), data.size());
 
     trimJournal(txn.get());
+    // Even a write that shortens a value needs new pages before it gives back old ones.
+    MDB_envinfo info{};
+    checked("inspect", mdb_env_info(env_, &info));
+    const size_t after = bytesOf(statOf(txn.get(), values_));
+    if ((after > before || data.size() > kSmall) &&
+        after + bytesOf(statOf(txn.get(), journal_)) + kHeadroom > info.me_mapsize) {
+        fail("write to", MDB_MAP_FULL);
+    }
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
