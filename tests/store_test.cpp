@@ -437,6 +437,18 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     EXPECT_EQ("", takeLog());
 }
 
+TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
+{
+    if (!run("unshare -p true")) {
+        GTEST_SKIP() << "no right to make a namespace";
+    }
+    inChild([] {
+        REQUIRE(put("db/a", 1) && put("memory/a", 1) && unshare(CLONE_NEWPID) == 0);
+        REQUIRE(finish(start([] { _exit(put("db/a", 2) || put("memory/a", 2) ? 1 : 0); })) == 0);
+    });
+    expectLog("another PID namespace", 2);
+}
+
 TEST_F(StoreTest, ManyProcessesAndThreadsOpenAndUseTheStoreAtOnce)
 {
     std::vector<pid_t> processes;

@@ -173,6 +173,8 @@ void Store::openTables()
     checked("open the tables of", mdb_txn_commit(txn.release()));
 }
 
+// LMDB tells processes from each other by their ids, so all must be of one PID namespace. It stands in the signal file,
+// and who uses the store holds a lock on that.
 void Store::openSignal(int flags)
 {
     const std::string path = folder_ + "/signal";
@@ -180,12 +182,22 @@ void Store::openSignal(int flags)
     if (signal_ < 0) {
         throw Error("cannot open " + path + ": " + std::strerror(errno));
     }
+    struct stat status {};
+    (void)stat("/proc/thread-self/ns/pid", &status);
     // The first byte is what is written to; it takes its place on the disk now, so that a full one cannot keep a later
     // signal from being given.
-    struct stat status {};
-    if (fstat(signal_, &status) != 0 || (status.st_size == 0 && pwrite(signal_, "\0", 1, 0) != 1)) {
-        throw Error("cannot write to " + path + ": " + std::strerror(errno));
+    const std::array<uint64_t, 2> mine{0, status.st_ino};
+    std::array<uint64_t, 2> found{};
+    if (pread(signal_, found.data(), sizeof found, 0) != sizeof found || found[1] != mine[1]) {
+        if (flock(signal_, LOCK_EX | LOCK_NB) != 0) {
+            throw Error("cannot use " + folder_ + ": it is in use from another PID namespace (a container); set " +
+                        "ZOL_VCONF_DIR to a folder of its own in each");
+        }
+        if (pwrite(signal_, mine.data(), sizeof mine, 0) != sizeof mine) {
+            throw Error("cannot write to " + path + ": " + std::strerror(errno));
+        }
     }
+    flock(signal_, LOCK_SH);
 }
 
 void Store::close()
@@ -362,6 +374,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     if (pwrite(signal_, "", 1, 0) != 1) {
         const int anew = ::open((folder_ + "/signal").c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
         if (anew >= 0) {
+            flock(anew, LOCK_SH);
             dup3(anew, signal_, O_CLOEXEC);  // closes what was there, which wakes the watchers, too
             ::close(anew);
         }
