@@ -36,6 +36,11 @@ struct [[gnu::packed]] JournalHeader {
     uint16_t keySize;
 };
 
+// The database is no longer what the store wrote.
+struct Damage : Error {
+    using Error::Error;
+};
+
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
 MDB_val valueOf(uint64_t& number) { return {sizeof number, &number}; }
@@ -118,23 +123,34 @@ void Store::open()
     while (flock(folder, LOCK_EX) != 0 && errno == EINTR) {
     }
     try {
-        openFiles();
+        openFiles(folder);
     } catch (...) {
         close();
         throw;
     }
 }
 
-// The signal file comes last when a store is made.
-void Store::openFiles()
+// The signal file comes last when a store is made, after all else is on the disk.
+void Store::openFiles(int folder)
 {
     prepareFiles(folder_, kNewDataSize, kLockSize);
     const bool isNew = access((folder_ + "/signal").c_str(), F_OK) != 0;
     if (!isNew) {
         openSignal(0);
     }
-    openEnvironment();
+    try {
+        openEnvironment();
+    } catch (const Damage&) {
+        if (!isNew) {
+            throw;
+        }
+        close();  // the machine failed while the store was made, and nobody has written to it yet
+        rename((folder_ + "/data.mdb").c_str(), (folder_ + "/data.mdb.unusable").c_str());
+        openEnvironment();
+    }
     if (isNew) {
+        checked("write to the disk", mdb_env_sync(env_, 1));
+        (void)fsync(folder);
         openSignal(O_CREAT);
     }
 }
@@ -229,7 +245,7 @@ void Store::checkDataFile() const
         throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
     if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
-        throw Error("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
+        throw Damage("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
     }
 }
 
@@ -260,7 +276,7 @@ void Store::fail(const std::string& what, int code) const
             break;
         case MDB_INVALID:
         case MDB_CORRUPTED:
-            throw Error(message + "; remove the folder to start afresh");
+            throw Damage(message + "; remove the folder to start afresh");
         default:
             break;
     }

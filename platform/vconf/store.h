@@ -73,7 +73,7 @@ private:
     Use use();
     MDB_txn* begin(Use& use, unsigned flags);
     void open();
-    void openFiles();
+    void openFiles(int folder);
     void openEnvironment();
     void openTables();
     void openSignal(int flags);
