@@ -53,8 +53,8 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
     Half& itsHalf = halves_[static_cast<size_t>(lifetime)];
     if (itsHalf.store == nullptr) {
         // First, so that no write after the look at the journal goes unnoticed. The closing tells of a write whose
-        // writer was killed between its commit and its signal.
-        if (inotify_add_watch(signals_, signal.c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0) {
+        // writer was killed between its commit and its signal; the last one, of a removal.
+        if (inotify_add_watch(signals_, signal.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB) < 0) {
             throw Error("cannot watch " + signal + ": " + std::strerror(errno));
         }
     }
@@ -174,6 +174,11 @@ bool Delivery::deliverSome(Half& from)
         const std::lock_guard<std::mutex> guard(lock_);
         if (from.store == nullptr) {
             return false;
+        }
+        if (from.store->isRemoved()) {
+            from.store = nullptr;
+            throw Error(
+                "a folder of the store was removed; restart this program to be told of what is written from now on");
         }
         batch = collect(from);
     }

@@ -255,6 +255,13 @@ std::string Store::signalPath()
     return folder_ + "/signal";
 }
 
+bool Store::isRemoved()
+{
+    const Use open = use();
+    struct stat status {};
+    return fstat(signal_, &status) == 0 && status.st_nlink == 0;
+}
+
 void Store::fail(const std::string& what, int code) const
 {
     const std::string message = "cannot " + what + " the store in " + folder_ + ": " + mdb_strerror(code);

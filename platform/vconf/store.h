@@ -64,6 +64,9 @@ public:
     /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
     std::string signalPath();
 
+    /// Whether the folder was removed; what is open then is nobody else's any more.
+    bool isRemoved();
+
     /// In a child process: gives up the file that would keep other processes from noticing the parent's end.
     void closeSignal();
 
