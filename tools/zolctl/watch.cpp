@@ -142,7 +142,7 @@ private:
 using Apps = std::set<std::string>;
 
 // The text of that member, or an empty one where there is no such text.
-std::string textOf(const rapidjson::Value& entry, const char* name)
+std::string textOf(const Document::ValueType& entry, const char* name)
 {
     const auto member = entry.FindMember(name);
     return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : "";
@@ -151,13 +151,13 @@ std::string textOf(const rapidjson::Value& entry, const char* name)
 // The apps that are on in the text of the app list; nothing when it is not a list.
 std::optional<Apps> appsThatAreOn(const std::string& text)
 {
-    rapidjson::Document document;
+    Document document;
     document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
     if (document.HasParseError() || !document.IsArray()) {
         return std::nullopt;
     }
     Apps apps;
-    for (const rapidjson::Value& entry : document.GetArray()) {
+    for (const Document::ValueType& entry : document.GetArray()) {
         if (entry.IsObject() && textOf(entry, "concurrent") == "on") {
             apps.insert(textOf(entry, "appid"));
         }
@@ -210,8 +210,8 @@ private:
     template <class WriteRest>
     static std::string jsonLine(const Change& change, WriteRest writeRest)
     {
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        JsonBuffer buffer;
+        rapidjson::Writer<JsonBuffer> writer(buffer);
         writer.StartObject();
         writer.Key("time");
         writeJson(writer, change.time);
