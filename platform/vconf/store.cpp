@@ -145,7 +145,7 @@ void Store::openFiles(int folder)
             throw;
         }
         close();  // the machine failed while the store was made, and nobody has written to it yet
-        rename((folder_ + "/data.mdb").c_str(), (folder_ + "/data.mdb.unusable").c_str());
+        (void)std::rename((folder_ + "/data.mdb").c_str(), (folder_ + "/data.mdb.unusable").c_str());
         openEnvironment();
     }
     if (isNew) {
