@@ -395,11 +395,9 @@ void Store::write(std::string_view key, int type, std::string_view data)
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
     if (pwrite(signal_, "", 1, 0) != 1) {
-        const int anew = ::open((folder_ + "/signal").c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-        if (anew >= 0) {
-            flock(anew, LOCK_SH);
-            dup3(anew, signal_, O_CLOEXEC);  // closes what was there, which wakes the watchers, too
-            ::close(anew);
+        const int other = ::open((folder_ + "/signal").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (other >= 0) {
+            ::close(other);  // wakes the watchers, too
         }
     }
     if (lifetime_ == Lifetime::Persistent) {
