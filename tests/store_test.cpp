@@ -606,7 +606,9 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
     inChild([] {
         static Gate done;
         constexpr int kToldAll = 7;
+        static const pid_t subscriber = getpid();
         const auto answer = [](keynode_t* node, void*) {
+            REQUIRE(getpid() == subscriber);
             if (node->value.i != 1) {
                 done.open();
                 return;
