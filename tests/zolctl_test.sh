@@ -127,9 +127,12 @@ done <<END
 {"TVName":"x\\\\u0000y"}|NUL character
 {"TVName":"x\\0377"}|not JSON
 {"TVName":"x"}\\n{|line 2: not JSON
+{"TVName":"x"}\\0000{|line 1: not JSON: a NUL character
 ["TVName"]|one JSON object
 $(printf '[%.0s' {1..100000})|not JSON
 END
+{ printf '{"TVName":"x","OSDCountry":"' && head -c 67108865 /dev/zero | tr '\0' v && printf '"}'; } >"$work/file.json"
+check "load of a text that is too long" 2 "" "OSDCountry is longer than 64 MiB" load "$work/file.json"
 same "refused, so nothing is written" "$("$zolctl" dump)" "$(<"$work/before")"
 for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "concurrent enable a" "watch" "load $example"; do
     ZOL_VCONF_DIR=$work/before/store check "unusable store: $command" 1 "" "-v" $command

@@ -1,4 +1,5 @@
-// The desk's log service: one line a call, written whole to standard error, to a file or nowhere.
+// The desk's log service: one line a call, to standard error, to a file or nowhere. It takes no lock and waits for
+// nobody for long, since a line must never stop or end its program: one that cannot be written is lost and counted.
 
 #include <dlog.h>
 
@@ -8,82 +9,55 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <string>
 
 namespace {
 
-// Where the lines go. Opened by the first line and never closed, so that threads may still log while the process ends.
-//
-// Locks: `lineLock` lets one thread open the target, and keeps the lines of one process apart; the record lock on the
-// file keeps apart those of several processes. A regular file opened for appending needs no lock for its lines; a pipe
-// does, because it takes long lines in pieces.
-struct Target {
-    int fd = -1;
-    bool needsLock = false;
-};
-std::atomic<const Target*> opened{nullptr};
-pthread_mutex_t lineLock = PTHREAD_MUTEX_INITIALIZER;
+using Clock = std::chrono::steady_clock;
 
-// A child forked while another thread writes would find the lock taken for ever. This is set up while the library is
-// loaded, before its users can set up theirs: what is set up first is called last, and users log with their locks held.
-[[gnu::constructor]] void setUpFork()
-{
-    pthread_atfork([] { pthread_mutex_lock(&lineLock); }, [] { pthread_mutex_unlock(&lineLock); },
-                   [] { pthread_mutex_unlock(&lineLock); });
-}
+constexpr int kOff = -1;
+constexpr int kNotChosen = -2;
+constexpr std::chrono::milliseconds kLongestWait{500};  // of one line, for somebody to read
 
-const Target* openTarget()
+// Where the lines go. Chosen by the first line and never closed, so that threads may still log while the process ends.
+std::atomic<int> target{kNotChosen};
+std::atomic<unsigned> lost{0};  // lines since the last one that was written
+
+int openFile(const char* path, int flags)
 {
-    static Target target;
-    const char* where = secure_getenv("ZOL_DLOG");
-    if (where == nullptr || *where == '\0' || std::strcmp(where, "stderr") == 0) {
-        target.fd = STDERR_FILENO;
-    } else if (std::strcmp(where, "off") == 0) {
-        return &target;
-    } else {
-        // Not waiting for somebody to read from a pipe.
-        target.fd = open(where, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
-        if (target.fd < 0) {
-            dprintf(STDERR_FILENO, "ZOL_DLOG: cannot append to %s (%s); the log goes to standard error\n", where,
-                    std::strerror(errno));
-            target.fd = STDERR_FILENO;
-        }
+    const int low = open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags, 0600);
+    if (low > STDERR_FILENO || low < 0) {
+        return low;
     }
-    struct stat status {};
-    target.needsLock = target.fd == STDERR_FILENO || fstat(target.fd, &status) != 0 || !S_ISREG(status.st_mode);
-    return &target;
+    const int fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // or programs would take it for a standard file
+    close(low);
+    return fd;
 }
 
-const Target& theTarget()
-{
-    const Target* target = opened.load(std::memory_order_acquire);
-    if (target == nullptr) {
-        pthread_mutex_lock(&lineLock);
-        target = opened.load(std::memory_order_relaxed);
-        if (target == nullptr) {
-            target = openTarget();
-            opened.store(target, std::memory_order_release);
-        }
-        pthread_mutex_unlock(&lineLock);
-    }
-    return *target;
-}
-
-bool writeAll(int fd, const char* data, size_t size)
+// In a regular file a line is one write, which keeps it apart from others where the file is open for appending. All
+// else takes pieces of PIPE_BUF, each whole.
+bool writeAll(int fd, bool regular, const char* data, size_t size, Clock::time_point deadline)
 {
     while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno == EAGAIN) {
-            pollfd ready{fd, POLLOUT, 0};  // somebody made it non-blocking; half a line would spoil the next
-            poll(&ready, 1, -1);
-        } else if (written < 0 && errno != EINTR) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd ready{fd, POLLOUT, 0};
+        if (!regular && poll(&ready, 1, static_cast<int>(std::max<decltype(left)>(left, 0))) == 0) {
+            return false;
+        }
+        const ssize_t written = write(fd, data, regular ? size : std::min<size_t>(size, PIPE_BUF));
+        if (written < 0 && ((errno != EINTR && errno != EAGAIN) || left < 0)) {
             return false;
         }
         if (written > 0) {
@@ -94,39 +68,90 @@ bool writeAll(int fd, const char* data, size_t size)
     return true;
 }
 
-bool writeLine(const Target& target, const std::string& line)
+bool writeLine(int fd, const std::string& text, bool mayWait)
 {
-    if (!target.needsLock) {
-        return writeAll(target.fd, line.data(), line.size());
+    struct stat status {};
+    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    // Others may want to wait for the reader of standard error; opened again, it need not make us wait. Where that
+    // cannot be done (a socket, a pipe of another user), only what there is room for is written.
+    const int own = fd == STDERR_FILENO && !regular ? openFile("/proc/thread-self/fd/2", 0) : -1;
+
+    sigset_t failing;  // what a write may bring
+    sigemptyset(&failing);
+    sigaddset(&failing, SIGPIPE);
+    sigaddset(&failing, SIGXFSZ);
+    sigset_t blocked = failing;
+    sigaddset(&blocked, SIGTTOU);  // stops the background jobs of a terminal that write
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const bool done = writeAll(own < 0 ? fd : own, regular, text.data(), text.size(),
+                               Clock::now() + (mayWait ? kLongestWait : kLongestWait.zero()));
+    if (!done) {
+        const timespec now{};
+        sigtimedwait(&failing, nullptr, &now);
     }
-    pthread_mutex_lock(&lineLock);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    int code = 0;
-    while ((code = fcntl(target.fd, F_SETLKW, &whole)) != 0 && errno == EINTR) {
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (own >= 0) {
+        close(own);
     }
-    const bool locked = code == 0;  // where it is not supported, better mixed than lost
-    const bool done = writeAll(target.fd, line.data(), line.size());
-    if (locked) {
-        whole.l_type = F_UNLCK;
-        fcntl(target.fd, F_SETLK, &whole);
-    }
-    pthread_mutex_unlock(&lineLock);
     return done;
 }
 
-// Control characters are spelled out, also those from U+0080 to U+009F, so that no value can forge a line or steer a
-// terminal.
+int chooseTarget()
+{
+    const char* where = secure_getenv("ZOL_DLOG");
+    if (where == nullptr || *where == '\0' || std::strcmp(where, "stderr") == 0) {
+        return STDERR_FILENO;
+    }
+    if (std::strcmp(where, "off") == 0) {
+        return kOff;
+    }
+    const int fd = openFile(where, O_APPEND | O_CREAT);
+    if (fd >= 0) {
+        return fd;
+    }
+    const int error = errno;
+    writeLine(STDERR_FILENO,
+              std::string("ZOL_DLOG: cannot append to ") + where + " (" + std::strerror(error) +
+                  "); the log goes to standard error\n",
+              true);
+    return STDERR_FILENO;
+}
+
+// Without a lock, which a child forked by another thread would find taken.
+int theTarget()
+{
+    int fd = target.load();
+    if (fd == kNotChosen) {
+        const int chosen = chooseTarget();
+        if (target.compare_exchange_strong(fd, chosen)) {
+            return chosen;
+        }
+        if (chosen > STDERR_FILENO) {
+            close(chosen);
+        }
+    }
+    return fd;
+}
+
+// Control characters are spelled out, also those from U+0080 to U+009F and lone bytes of these numbers, so that no
+// value can forge a line or steer a terminal.
 void appendSafe(std::string& line, const char* text)
 {
+    int rest = 0;  // how many bytes the character still has
     for (; *text != '\0'; ++text) {
-        const auto byte = static_cast<unsigned char>(*text);
+        auto byte = static_cast<unsigned char>(*text);
         const auto next = static_cast<unsigned char>(text[1]);
-        if ((byte < 0x20 && byte != '\t') || byte == 0x7f || (byte == 0xc2 && next >= 0x80 && next <= 0x9f)) {
+        const bool inside = rest > 0 && (byte & 0xc0) == 0x80;
+        if (byte == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            byte = next;
+            ++text;
+        }
+        rest = inside ? rest - 1 : byte >= 0xf0 ? 3 : byte >= 0xe0 ? 2 : byte >= 0xc2 ? 1 : 0;
+        if (!inside && ((byte < 0x20 && byte != '\t') || (byte >= 0x7f && byte <= 0x9f))) {
             char escaped[5];
-            (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte == 0xc2 ? next : byte);
+            (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
             line += escaped;
-            text += byte == 0xc2 ? 1 : 0;
         } else {
             line += *text;
         }
@@ -148,8 +173,9 @@ std::string formatMessage(const char* format, va_list arguments)
     return message;
 }
 
-int print(const Target& target, log_priority priority, const char* tag, const char* format, va_list arguments)
+int print(int fd, log_priority priority, const char* tag, const char* format, va_list arguments)
 {
+    unsigned before = 0;
     try {
         std::string message = formatMessage(format, arguments);
         if (!message.empty() && message.back() == '\n') {
@@ -157,16 +183,25 @@ int print(const Target& target, log_priority priority, const char* tag, const ch
         }
 
         const bool known = priority >= DLOG_VERBOSE && priority <= DLOG_FATAL;
+        const std::string from = " (" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + ") ";
         std::string line(1, known ? "VDIWEF"[priority - DLOG_VERBOSE] : '?');
         line += '/';
         appendSafe(line, tag == nullptr ? "" : tag);
-        line += " (" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + ") ";
+        line += from;
         appendSafe(line, message.c_str());
         line += '\n';
-        return writeLine(target, line) ? static_cast<int>(line.size()) : -1;
-    } catch (const std::bad_alloc&) {
-        return -1;  // there is no memory for the line, and the caller's work matters more
+        const size_t size = line.size();
+        before = lost.exchange(0);
+        if (before > 0) {  // of the last one a part may stand there
+            line.insert(0, "\nW/DLOG" + from + std::to_string(before) + " lines lost\n");
+        }
+        if (writeLine(fd, line, before == 0)) {
+            return static_cast<int>(size);
+        }
+    } catch (const std::bad_alloc&) {  // there is no memory for the line, and the caller's work matters more
     }
+    lost += before + 1;
+    return -1;
 }
 
 }  // namespace
@@ -174,14 +209,14 @@ int print(const Target& target, log_priority priority, const char* tag, const ch
 int dlog_print(log_priority priority, const char* tag, const char* format, ...)
 {
     const int savedErrno = errno;
-    int cancellation = 0;  // a thread that is cancelled in the middle of a line would leave it locked
+    int cancellation = 0;  // callers may hold locks, and do not expect a thread to end here
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
-    const Target& target = theTarget();
+    const int fd = theTarget();
     int result = 0;
-    if (target.fd >= 0) {
+    if (fd >= 0) {
         va_list arguments;
         va_start(arguments, format);
-        result = print(target, priority, tag, format, arguments);
+        result = print(fd, priority, tag, format, arguments);
         va_end(arguments);
     }
     pthread_setcancelstate(cancellation, nullptr);

@@ -10,10 +10,9 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <thread>
-
-#include "log.h"
 
 namespace vconf {
 namespace {
@@ -22,9 +21,6 @@ constexpr size_t kBatchWrites = 256;
 constexpr size_t kBatchBytes = size_t{1} << 20;
 constexpr std::chrono::milliseconds kPauseAfterError{100};  // doubles from one error to the next,
 constexpr std::chrono::seconds kLongestPause{10};           // up to this
-
-// Thrown where a handler returns in a child of fork(), to end what would be a second delivering thread there.
-struct InChildOfFork {};
 
 }  // namespace
 
@@ -39,6 +35,7 @@ Lifetime lifetimeOf(std::string_view key)
 void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, vconf_callback_fn handler,
                          void* userData)
 {
+    const std::string signal = store.signalPath();  // opens the store, which may take a while, before the lock is taken
     const std::lock_guard<std::mutex> guard(lock_);
     const auto known = subscriptions_.find(key);
     if (known != subscriptions_.end()) {
@@ -48,13 +45,18 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
             }
         }
     }
+    occupyStandardFiles();
     if (signals_ < 0 && (signals_ = inotify_init1(IN_CLOEXEC)) < 0) {
         throw Error(std::string("cannot watch for changes: ") + std::strerror(errno) +
-                    "; raise fs.inotify.max_user_instances");
+                    "; close files, or raise fs.inotify.max_user_instances");
     }
-    Half& itsHalf = half(lifetime);
+    Half& itsHalf = halves_[static_cast<size_t>(lifetime)];
     if (itsHalf.store == nullptr) {
-        watch(store);  // first, so that no write after the look at the journal goes unnoticed
+        // First, so that no write after the look at the journal goes unnoticed. The closing tells of a write whose
+        // writer was killed between its commit and its signal; the last one, of a removal.
+        if (inotify_add_watch(signals_, signal.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB) < 0) {
+            throw Error("cannot watch " + signal + ": " + std::strerror(errno));
+        }
     }
     const uint64_t last = ReadTransaction(store).lastSequence();
     if (!running_) {
@@ -93,27 +95,6 @@ bool Delivery::unsubscribe(std::string_view key, vconf_callback_fn handler)
     return true;
 }
 
-void Delivery::resetInChild()
-{
-    subscriptions_.clear();
-    halves_ = {};
-    running_ = false;
-    ++forks_;
-    if (signals_ >= 0) {
-        close(signals_);  // it is shared with the parent, whose events must not be read here
-        signals_ = -1;
-    }
-    lock_.unlock();
-}
-
-void Delivery::watch(const Store& store) const
-{
-    // The closing tells of a write whose writer was killed between its commit and its signal.
-    if (inotify_add_watch(signals_, store.signalPath().c_str(), IN_MODIFY | IN_CLOSE_WRITE) < 0) {
-        throw Error("cannot watch " + store.folder() + "/signal" + ": " + std::strerror(errno));
-    }
-}
-
 void Delivery::startThread()
 {
     // The application's signal handlers are not to run on this thread.
@@ -123,8 +104,10 @@ void Delivery::startThread()
     pthread_sigmask(SIG_SETMASK, &all, &before);
     pthread_t thread{};
     const auto body = [](void* self) -> void* {
-        static_cast<Delivery*>(self)->run();
-        return nullptr;
+        // Ends by pthread_exit or cancellation in a handler, or not at all.
+        const std::unique_ptr<Delivery, void (*)(Delivery*)> ending(static_cast<Delivery*>(self),
+                                                                    [](Delivery* of) { of->replaceThread(); });
+        ending->run();
     };
     const int code = pthread_create(&thread, nullptr, body, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -132,6 +115,21 @@ void Delivery::startThread()
         throw Error(std::string("cannot start the delivering thread: ") + std::strerror(code));
     }
     pthread_detach(thread);
+}
+
+void Delivery::replaceThread()
+{
+    if (getpid() != pid_) {
+        return;  // a child, where this was the parent's thread
+    }
+    logLine("delivery", "a handler has ended the delivering thread; another one goes on with the next write");
+    const std::lock_guard<std::mutex> guard(lock_);
+    try {
+        startThread();
+    } catch (const std::exception& error) {
+        running_ = false;  // the next subscription tries again
+        logLine("delivery", error.what());
+    }
 }
 
 // ---- the thread -----------------------------------------------------------------------------------------------------
@@ -148,7 +146,11 @@ void Delivery::run()
     alignas(inotify_event) char events[4096];
     for (;;) {
         try {
-            while (deliverOnce()) {
+            for (bool more = true; more;) {
+                more = false;
+                for (Half& from : halves_) {
+                    more = deliverSome(from) || more;
+                }
             }
             while (read(signals, events, sizeof events) < 0) {
                 if (errno != EINTR) {
@@ -156,8 +158,6 @@ void Delivery::run()
                 }
             }
             pause = kPauseAfterError;
-        } catch (const InChildOfFork&) {
-            return;
         } catch (const std::exception& error) {
             logLine("delivery", error.what());
             std::this_thread::sleep_for(pause);
@@ -166,111 +166,72 @@ void Delivery::run()
     }
 }
 
-// Looks at both journals once and delivers what can be put in order; false when there was nothing new.
-//
-// A write of one half may have been made after, and because of, a write of the other, and must not overtake it. Looking
-// at the persistent journal first and at the volatile one second finds for every persistent write all volatile writes
-// before it. Of the volatile writes, those that were there before the look at the persistent journal have nothing
-// before them that was missed; younger ones wait for the next round, unless a persistent write that was found is
-// younger still.
-bool Delivery::deliverOnce()
-{
-    uint64_t settled = UINT64_MAX;
-    Batch persistent;
-    Batch fleeting;
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        if (half(Lifetime::Persistent).store != nullptr && half(Lifetime::Volatile).store != nullptr) {
-            settled = ReadTransaction(*half(Lifetime::Volatile).store).lastSequence();
-        }
-        persistent = collect(Lifetime::Persistent);
-        fleeting = collect(Lifetime::Volatile);
-    }
-    if (persistent.missed + fleeting.missed > 0) {
-        const std::string message = "this process fell behind by more than the journal holds; " +
-                                    std::to_string(persistent.missed + fleeting.missed) +
-                                    " writes are passed over, and each key that changed gets its newest value";
-        logLine("delivery", message.c_str());
-        // Without the writes between, there is no order across the halves left to keep.
-        settled = UINT64_MAX;
-        persistent.cutOff = fleeting.cutOff = false;
-    }
-    for (;;) {
-        const bool persistentLeft = !persistent.empty();
-        const bool fleetingLeft = !fleeting.empty();
-        if ((!persistentLeft && persistent.cutOff) || (!fleetingLeft && fleeting.cutOff)) {
-            break;
-        }
-        if (persistentLeft &&
-            (!fleetingLeft || persistent.writes[persistent.next].time <= fleeting.writes[fleeting.next].time)) {
-            deliver(Lifetime::Persistent, persistent.writes[persistent.next++]);
-        } else if (fleetingLeft && (persistentLeft || fleeting.writes[fleeting.next].sequence <= settled)) {
-            deliver(Lifetime::Volatile, fleeting.writes[fleeting.next++]);
-        } else {
-            break;
-        }
-    }
-    settle(Lifetime::Persistent, persistent);
-    settle(Lifetime::Volatile, fleeting);
-    return persistent.found() || fleeting.found();
-}
-
-// Once all of a batch is delivered, the writes of other keys after it are done with too.
-void Delivery::settle(Lifetime lifetime, const Batch& batch)
-{
-    if (batch.found() && batch.empty()) {
-        half(lifetime).seen = batch.upTo;
-    }
-}
-
-Delivery::Batch Delivery::collect(Lifetime lifetime)
+// Looks at a journal once; false when there was nothing new.
+bool Delivery::deliverSome(Half& from)
 {
     Batch batch;
-    const Half& from = half(lifetime);
-    if (from.store == nullptr) {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (from.store == nullptr) {
+            return false;
+        }
+        if (from.store->isRemoved()) {
+            from.store = nullptr;
+            throw Error(
+                "a folder of the store was removed; restart this program to be told of what is written from now on");
+        }
+        batch = collect(from);
+    }
+    if (batch.missed > 0) {
+        const std::string message = "this process fell behind by more than the journal holds; " +
+                                    std::to_string(batch.missed) +
+                                    " writes are passed over, and each key that changed gets its newest value";
+        logLine("delivery", message.c_str());
+    }
+    const bool found = batch.upTo > from.seen;
+    for (const Write& write : batch.writes) {
+        from.seen = write.sequence;
+        deliver(write);
+    }
+    from.seen = batch.upTo;
+    return found;
+}
+
+Delivery::Batch Delivery::collect(const Half& from)
+{
+    Batch batch;
+    const ReadTransaction transaction(*from.store);
+    batch.upTo = from.seen;
+    Record record;
+    if (!transaction.writeAfter(from.seen, record)) {
         return batch;
     }
-    const ReadTransaction transaction(*from.store);
-    batch.from = batch.upTo = from.seen;
-    const uint64_t first = transaction.firstSequence();
-    if (first > from.seen + 1) {
-        batch.missed = first - from.seen - 1;
-        collectNewest(lifetime, transaction, batch);
+    if (record.sequence > from.seen + 1) {
+        batch.missed = record.sequence - from.seen - 1;
+        for (const auto& [key, list] : subscriptions_) {
+            if (&halves_[static_cast<size_t>(lifetimeOf(key))] == &from && transaction.value(key, record) &&
+                record.sequence > from.seen) {
+                batch.writes.push_back({record.sequence, record.type, key, std::string(record.data)});
+            }
+        }
+        std::sort(batch.writes.begin(), batch.writes.end(),
+                  [](const Write& a, const Write& b) { return a.sequence < b.sequence; });
+        batch.upTo = transaction.lastSequence();
         return batch;
     }
     size_t bytes = 0;
-    transaction.journalAfter(from.seen, [&](const Record& record) {
-        if (batch.writes.size() >= kBatchWrites || bytes >= kBatchBytes) {
-            batch.cutOff = true;
-            return false;
-        }
+    do {
         batch.upTo = record.sequence;
         if (subscriptions_.find(record.key) != subscriptions_.end()) {
-            batch.writes.push_back(
-                {record.sequence, record.time, record.type, std::string(record.key), std::string(record.data)});
+            batch.writes.push_back({record.sequence, record.type, std::string(record.key), std::string(record.data)});
             bytes += record.data.size();
         }
-        return true;
-    });
+    } while (batch.writes.size() < kBatchWrites && bytes < kBatchBytes && transaction.writeAfter(batch.upTo, record));
     return batch;
 }
 
-void Delivery::collectNewest(Lifetime lifetime, const ReadTransaction& transaction, Batch& batch)
+void Delivery::deliver(const Write& write)
 {
-    Record record;
-    for (const auto& [key, list] : subscriptions_) {
-        if (lifetimeOf(key) == lifetime && transaction.value(key, record) && record.sequence > batch.upTo) {
-            batch.writes.push_back({record.sequence, record.time, record.type, key, std::string(record.data)});
-        }
-    }
-    std::sort(batch.writes.begin(), batch.writes.end(),
-              [](const Write& a, const Write& b) { return a.sequence < b.sequence; });
-    batch.upTo = transaction.lastSequence();
-}
-
-void Delivery::deliver(Lifetime lifetime, const Write& write)
-{
-    half(lifetime).seen = write.sequence;
     uint64_t called = 0;
     for (;;) {
         Subscription next{};
@@ -297,11 +258,9 @@ void Delivery::deliver(Lifetime lifetime, const Write& write)
         } else {
             std::memcpy(&node.value.i, write.data.data(), std::min(sizeof node.value.i, write.data.size()));
         }
-        const unsigned forks = forks_;
         next.handler(&node, next.userData);
-        // cppcheck-suppress knownConditionTrueFalse ; it rises where the handler forks, in the child
-        if (forks_ != forks) {
-            throw InChildOfFork();
+        if (getpid() != pid_) {
+            pthread_exit(nullptr);  // the handler forked, and in the child this would be a second delivering thread
         }
     }
 }

@@ -2,6 +2,7 @@
 #ifndef VCONF_DELIVERY_H
 #define VCONF_DELIVERY_H
 
+#include <unistd.h>
 #include <vconf.h>
 
 #include <array>
@@ -16,11 +17,13 @@
 
 namespace vconf {
 
-/// Delivers every write of a subscribed key to its handlers, in the order of the writes, on one thread of its own.
+/// Delivers every write of a subscribed key to its handlers, in the order of the writes of a half, on one thread of its
+/// own. A child of fork() makes another one.
 ///
 /// The thread sleeps until a signal file is written to or closed (so also when a process that had the store open ends),
 /// then reads the journals onward from where it stopped. A process that falls behind by more than the journal holds
-/// gets the newest value of each subscribed key that changed, once, and a line in the log.
+/// gets the newest value of each subscribed key that changed, once, and a line in the log. When a handler ends the
+/// thread, another one goes on with the next write.
 class Delivery {
 public:
     /// Starts the thread if it does not run yet.
@@ -29,11 +32,6 @@ public:
 
     /// @return false when there is no such subscription.
     bool unsubscribe(std::string_view key, vconf_callback_fn handler);
-
-    /// Around fork(): the lock is held meanwhile, and a child starts with no subscription and no thread.
-    void lockForFork() { lock_.lock(); }
-    void unlockInParent() { lock_.unlock(); }
-    void resetInChild();
 
 private:
     struct Subscription {
@@ -44,7 +42,6 @@ private:
     };
     struct Write {
         uint64_t sequence;
-        int64_t time;
         int type;
         std::string key;
         std::string data;
@@ -52,39 +49,30 @@ private:
     // What one look at a journal found.
     struct Batch {
         std::vector<Write> writes;  // of subscribed keys
-        size_t next = 0;            // the first of them that has not been delivered
-        uint64_t from = 0;          // the last write before the look
         uint64_t upTo = 0;          // the last write that was looked at
-        bool cutOff = false;        // there are more
         uint64_t missed = 0;        // how many writes the journal no longer had
-        bool empty() const { return next == writes.size(); }
-        bool found() const { return upTo > from; }
     };
     struct Half {
         Store* store = nullptr;  // set by the first subscription
         uint64_t seen = 0;  // the last write that was delivered or passed over; the thread's own once there is a store
     };
 
-    void run();
-    bool deliverOnce();
-    void deliver(Lifetime lifetime, const Write& write);
-    void settle(Lifetime lifetime, const Batch& batch);
-    Batch collect(Lifetime lifetime);
-    void collectNewest(Lifetime lifetime, const ReadTransaction& transaction, Batch& batch);
+    [[noreturn]] void run();
+    bool deliverSome(Half& from);
+    void deliver(const Write& write);
+    Batch collect(const Half& from);
     void startThread();
-    void watch(const Store& store) const;
-
-    Half& half(Lifetime lifetime) { return halves_[static_cast<size_t>(lifetime)]; }
+    void replaceThread();
 
     // Protects everything below but a half's `seen`. Never held while a handler runs. A read of the store may happen
-    // under it, but no write and no opening.
+    // under it, but no write and no first opening.
     std::mutex lock_;
     std::map<std::string, std::vector<Subscription>, std::less<>> subscriptions_;
     std::array<Half, 2> halves_;
     uint64_t nextId_ = 1;
     int signals_ = -1;
     bool running_ = false;
-    unsigned forks_ = 0;  // rises in a child of fork(); the thread of the parent is not to go on there
+    const pid_t pid_ = getpid();
 };
 
 /// The half that a key belongs to.

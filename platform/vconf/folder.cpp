@@ -1,6 +1,5 @@
 #include "folder.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,21 +7,21 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
-#include <system_error>
 
 namespace fs = std::filesystem;
 
 namespace vconf {
 namespace {
 
-constexpr char kVolatilePrefix[] = "volatile-";
-constexpr std::size_t kBootIdSize = 36;
-constexpr const char* kFiles[] = {"data.mdb", "lock.mdb", "signal"};
+constexpr mode_t kOfOthers = S_IRWXG | S_IRWXO;
+
+[[noreturn]] void fail(const std::string& what, const fs::path& path, const std::string& why)
+{
+    throw std::runtime_error(what + path.string() + ": " + why);
+}
 
 std::string environment(const char* name)
 {
@@ -34,102 +33,50 @@ fs::path absolute(const std::string& text, const char* variable)
 {
     fs::path path(text);
     if (!path.is_absolute()) {
-        throw std::runtime_error("cannot use folder " + text + ": " + variable + " must be an absolute path");
+        fail("cannot use folder ", path, variable + std::string(" must be an absolute path"));
     }
     return path;
 }
 
 // A volatile store is never synced, so after a crash of the machine its files may be damaged, and its values are meant
-// to be gone by then anyhow: each start of the machine gets a folder of its own.
+// to be gone by then anyhow: each start of the machine gets a folder of its own. Those of earlier starts stay, since a
+// container may have another id and use the same place; where volatile folders are by default the system clears them.
 std::string thisBoot()
 {
     constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
+    constexpr std::size_t kSize = 36;
     std::string id;
     std::ifstream(kSource) >> id;
-    if (id.size() != kBootIdSize) {
-        throw std::runtime_error(std::string("cannot tell this start of the machine from others: ") + kSource +
-                                 " cannot be read");
+    if (id.size() != kSize) {
+        fail("cannot tell this start of the machine from others: cannot read ", kSource, "mount /proc");
     }
-    return kVolatilePrefix + id;
+    return "volatile-" + id;
 }
 
 void create(const fs::path& folder)
 {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        const int error = errno;
-        throw std::runtime_error("cannot create folder " + folder.string() + ": " + std::strerror(error));
+        fail("cannot create folder ", folder, std::strerror(errno));
     }
 }
 
-bool othersMayWrite(const struct stat& status) { return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0; }
-
-// Follows the path as the kernel would and refuses a link that somebody else could have planted.
-void refusePlantedLinks(const fs::path& folder)
+// A link is as good as its owner: one that another user has planted leads where that user wants.
+void check(const fs::path& folder, mode_t refused, const std::string& advice)
 {
-    constexpr int kMostLinks = 40;
-    int links = 0;
-    std::deque<fs::path> rest(folder.begin(), folder.end());
-    fs::path walked;
-    while (!rest.empty()) {
-        const fs::path next = walked / rest.front();
-        rest.pop_front();
-        if (!fs::is_symlink(fs::symlink_status(next))) {
-            walked = next;
-            continue;
-        }
-        struct stat parent {};
-        const bool known = stat(walked.c_str(), &parent) == 0;
-        const bool foreign = known && parent.st_uid != 0 && parent.st_uid != geteuid();
-        if (!known || foreign || othersMayWrite(parent) || ++links > kMostLinks) {
-            throw std::runtime_error("refused folder " + folder.string() + ": " + next.string() +
-                                     " is a link in a folder that others may write to; use the folder itself");
-        }
-        const fs::path target = fs::read_symlink(next);
-        rest.insert(rest.begin(), target.begin(), target.end());
+    struct stat link {};
+    struct stat status {};
+    if (lstat(folder.c_str(), &link) != 0 || stat(folder.c_str(), &status) != 0) {
+        fail("cannot use folder ", folder, std::strerror(errno));
     }
-}
-
-void check(const fs::path& folder, const struct stat& status)
-{
     if (!S_ISDIR(status.st_mode)) {
-        throw std::runtime_error("cannot use folder " + folder.string() + ": it is not a folder");
+        fail("cannot use folder ", folder, "it is not a folder");
     }
-    if (status.st_uid != geteuid()) {
-        throw std::runtime_error("refused folder " + folder.string() + ": it belongs to another user (uid " +
-                                 std::to_string(status.st_uid) + ")");
+    if (link.st_uid != geteuid() || status.st_uid != geteuid()) {
+        fail("refused folder ", folder, "it belongs to another user; set ZOL_VCONF_DIR to a folder of your own");
     }
-    if (othersMayWrite(status)) {
-        throw std::runtime_error("refused folder " + folder.string() +
-                                 ": others may write to it; run chmod go-w on it");
+    if ((status.st_mode & refused) != 0) {
+        fail("refused folder ", folder, "others may use it; " + advice);
     }
-}
-
-// Whoever can look into the innermost folder can watch when the files in it are written to.
-void checkPrivate(const fs::path& folder, const struct stat& status)
-{
-    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        throw std::runtime_error("refused folder " + folder.string() +
-                                 ": others may look into it; run chmod 700 on it");
-    }
-}
-
-int openChecked(const fs::path& folder)
-{
-    const int fd = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        const int error = errno;
-        throw std::runtime_error("cannot use folder " + folder.string() + ": " + std::strerror(error));
-    }
-    try {
-        struct stat status {};
-        fstat(fd, &status);
-        check(folder, status);
-        checkPrivate(folder, status);
-    } catch (...) {
-        close(fd);
-        throw;
-    }
-    return fd;
 }
 
 // The folder under a place that the environment or the system gives. That place must exist; only what a desktop may
@@ -161,61 +108,13 @@ fs::path applicationFolder(Lifetime lifetime)
     return local / "state" / "zol-tv";
 }
 
-// Removes the files of the store alone, and a folder only when nothing else is in it. Not with an iterator of the C++
-// library, which ends the process when there is no memory.
-void removeEarlierBoots(const fs::path& parent, const fs::path& current)
-{
-    std::error_code ignored;
-    const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(parent.c_str()), closedir);
-    while (const dirent* entry = listing ? readdir(listing.get()) : nullptr) {
-        const std::string name = entry->d_name;
-        const fs::path folder = parent / name;
-        if (folder != current && name.rfind(kVolatilePrefix, 0) == 0 &&
-            name.size() == std::strlen(kVolatilePrefix) + kBootIdSize &&
-            fs::is_directory(fs::symlink_status(folder, ignored))) {
-            for (const char* file : kFiles) {
-                fs::remove(folder / file, ignored);
-            }
-            fs::remove(folder, ignored);
-        }
-    }
-}
-
-}  // namespace
-
-Folder::Folder(Lifetime lifetime)
-{
-    const fs::path parent = applicationFolder(lifetime);
-    refusePlantedLinks(parent);
-    create(parent);
-    struct stat status {};
-    if (stat(parent.c_str(), &status) != 0) {
-        throw std::runtime_error("cannot use folder " + parent.string() + ": " + std::strerror(errno));
-    }
-    check(parent, status);
-
-    const fs::path folder = parent / (lifetime == Lifetime::Persistent ? "persistent" : thisBoot());
-    create(folder);
-    refusePlantedLinks(folder);
-    if (lifetime == Lifetime::Volatile) {
-        removeEarlierBoots(parent, folder);
-    }
-    path_ = folder.string();
-    fd_ = openChecked(folder);
-}
-
-Folder::~Folder() { close(fd_); }
-
-std::string Folder::handle() const { return "/proc/self/fd/" + std::to_string(fd_); }
-
 // A process has its record locks on a file taken away when it closes any descriptor of it, so this is only for files
 // that it does not use yet.
-void Folder::reserve(const char* file, off_t size) const
+void reserve(const fs::path& file, off_t size)
 {
-    const int fd = openat(fd_, file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
-        const int error = errno;
-        throw std::runtime_error("cannot open " + path_ + "/" + file + ": " + std::strerror(error));
+        fail("cannot open ", file, std::strerror(errno));
     }
     struct stat status {};
     int error = 0;
@@ -226,37 +125,58 @@ void Folder::reserve(const char* file, off_t size) const
     }
     close(fd);
     if (error == ENOSPC || error == EDQUOT || error == EFBIG) {  // with any other, the file system just cannot do it
-        throw std::runtime_error("cannot make room for " + path_ + "/" + file + ": " + std::strerror(error) +
-                                 "; free some space there");
+        fail("cannot make room for ", file, std::strerror(error) + std::string("; free some space there"));
     }
 }
 
-void Folder::prepareFiles(off_t dataSize, off_t lockSize) const
+}  // namespace
+
+std::string findFolder(Lifetime lifetime)
 {
-    for (const char* name : kFiles) {
-        const fs::path file = fs::path(handle()) / name;
-        const fs::file_status status = fs::symlink_status(file);
-        if (!fs::exists(status)) {
+    const std::string ownFolder = "run chmod 700 on it";
+    const bool given = !environment("ZOL_VCONF_DIR").empty();
+    const fs::path parent = applicationFolder(lifetime);
+    create(parent);
+    check(parent, S_IWGRP | S_IWOTH, given ? "set ZOL_VCONF_DIR to a folder of your own" : ownFolder);
+    fs::path folder = parent / (lifetime == Lifetime::Persistent ? "persistent" : thisBoot());
+    create(folder);
+    check(folder, kOfOthers, ownFolder);  // who can look into it could watch when its files are written to
+    return folder;
+}
+
+void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
+{
+    const fs::path data = fs::path(folder) / "data.mdb";
+    const fs::path lock = fs::path(folder) / "lock.mdb";
+    const fs::path signal = fs::path(folder) / "signal";
+    for (const fs::path& file : {data, lock, signal}) {
+        struct stat status {};
+        if (lstat(file.c_str(), &status) != 0 && errno == ENOENT) {
             continue;
         }
-        if (!fs::is_regular_file(status)) {
-            throw std::runtime_error("cannot use " + path_ + "/" + name +
-                                     ": it is not a regular file; remove the folder to start afresh");
-        }
-        if (faccessat(AT_FDCWD, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
-            const int error = errno;
-            throw std::runtime_error("cannot use " + path_ + "/" + name + ": " + std::strerror(error) +
-                                     "; let this user read and write it");
+        // Somebody else may have put it there, or have it open, since before the folder was closed to others.
+        if (status.st_mode != (S_IFREG | S_IRUSR | S_IWUSR) || status.st_uid != geteuid() || status.st_nlink != 1) {
+            fail("refused ", file,
+                 "it must be a regular file of your own with mode 600 and one name; remove the folder to start afresh");
         }
     }
     // The signal file comes last when a store is made, and every write comes after it.
-    const fs::path data = fs::path(handle()) / "data.mdb";
-    if (fs::exists(fs::path(handle()) / "signal") && (!fs::exists(data) || fs::file_size(data) == 0)) {
-        throw std::runtime_error("cannot use " + path_ + "/data.mdb" +
-                                 ": it has been removed or emptied; remove the folder to start afresh");
+    if (fs::exists(signal) && (!fs::exists(data) || fs::file_size(data) == 0)) {
+        fail("cannot use ", data, "it has been removed or emptied; remove the folder to start afresh");
     }
-    reserve("lock.mdb", lockSize);
-    reserve("data.mdb", dataSize);
+    reserve(lock, lockSize);
+    reserve(data, dataSize);
+}
+
+void occupyStandardFiles()
+{
+    int fd = -1;
+    do {
+        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as before
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
 }
 
 }  // namespace vconf

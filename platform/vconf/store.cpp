@@ -1,12 +1,15 @@
 #include "store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <new>
 
@@ -14,56 +17,44 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
+constexpr size_t kHeadroom = size_t{16} << 20;  // for the writes that a full store takes: their pages and journal
+constexpr size_t kSmall = 512;                  // bytes of such a write
 constexpr size_t kJournalSlack = 256;
 constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
 constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
 constexpr off_t kLockSize = off_t{kMaxReaders + 4} * 64;  // a cache line a reader, and LMDB's locks
 
-struct ValueHeader {
+struct [[gnu::packed]] ValueHeader {
     uint64_t sequence;
-    int64_t time;
+    uint64_t unused;
     uint8_t type;
 };
-constexpr size_t kValueHeaderSize = 17;
 
-struct JournalHeader {
-    int64_t time;
+struct [[gnu::packed]] JournalHeader {
+    uint64_t unused;
     uint8_t type;
     uint16_t keySize;
 };
-constexpr size_t kJournalHeaderSize = 11;
 
-// Fields are copied one by one because records are packed and need not be aligned.
-template <class Field>
-const char* take(const char* from, Field& field)
-{
-    std::memcpy(&field, from, sizeof field);
-    return from + sizeof field;
-}
-
-template <class Field>
-char* append(char* to, const Field& field)
-{
-    std::memcpy(to, &field, sizeof field);
-    return to + sizeof field;
-}
-
-char* append(char* to, std::string_view text)
-{
-    std::memcpy(to, text.data(), text.size());
-    return to + text.size();
-}
+// The database is no longer what the store wrote.
+struct Damage : Error {
+    using Error::Error;
+};
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
 MDB_val valueOf(uint64_t& number) { return {sizeof number, &number}; }
+std::string_view textOf(const MDB_val& value) { return {static_cast<const char*>(value.mv_data), value.mv_size}; }
 
-// The same clock for all processes of this machine: it puts the writes of the two halves in order.
-int64_t now()
+size_t bytesOf(const MDB_stat& table)
 {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return int64_t{time.tv_sec} * 1000000000 + time.tv_nsec;
+    return (table.ms_branch_pages + table.ms_leaf_pages + table.ms_overflow_pages) * table.ms_psize;
+}
+
+void closeFolder(const int* folder)
+{
+    flock(*folder, LOCK_UN);  // also where a child that another thread forked meanwhile has it open, too
+    close(*folder);
 }
 
 struct Abort {
@@ -75,53 +66,107 @@ using WriteTransaction = std::unique_ptr<MDB_txn, Abort>;
 
 // ---- opening --------------------------------------------------------------------------------------------------------
 
-Store::Store(Lifetime lifetime) : folder_(lifetime)
+Use Store::use()
 {
-    try {
-        open(lifetime);
-    } catch (...) {
-        mdb_env_close(env_);
-        if (signal_ >= 0) {
-            close(signal_);
+    Use use(lock_);
+    while (env_ == nullptr) {
+        use.unlock();
+        {
+            const std::lock_guard<std::shared_mutex> alone(lock_);
+            if (env_ == nullptr) {
+                open();
+            }
         }
+        use.lock();
+    }
+    return use;
+}
+
+MDB_txn* Store::begin(Use& use, unsigned flags)
+{
+    MDB_txn* txn = nullptr;
+    int code = mdb_txn_begin(env_, nullptr, flags, &txn);
+    if (code == MDB_PANIC) {  // LMDB refuses everything after a failed write of its own page, in this process alone
+        const MDB_env* const broken = env_;
+        use.unlock();
+        {
+            const std::lock_guard<std::shared_mutex> alone(lock_);
+            if (env_ == broken) {
+                logLine("store", ("opening " + folder_ + " anew, since a write was broken off").c_str());
+                close();
+            }
+        }
+        use = this->use();
+        code = mdb_txn_begin(env_, nullptr, flags, &txn);
+    }
+    if (code == MDB_READERS_FULL) {
+        mdb_reader_check(env_, nullptr);
+        code = mdb_txn_begin(env_, nullptr, flags, &txn);
+    }
+    checked("use", code);
+    return txn;
+}
+
+void Store::open()
+{
+    if (folder_.empty()) {
+        folder_ = findFolder(lifetime_);
+    }
+    occupyStandardFiles();
+    const int folder = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder < 0) {
+        throw Error("cannot open " + folder_ + ": " + std::strerror(errno));
+    }
+    const std::unique_ptr<const int, decltype(&closeFolder)> closes(&folder, closeFolder);
+    // One process at a time: another one that LMDB opens the lock file for takes it to be set up, even if this one is
+    // killed before that.
+    while (flock(folder, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    try {
+        openFiles(folder);
+    } catch (...) {
+        close();
         throw;
     }
 }
 
-void Store::open(Lifetime lifetime)
+// The signal file comes last when a store is made, after all else is on the disk.
+void Store::openFiles(int folder)
 {
-    folder_.prepareFiles(kNewDataSize, kLockSize);
+    prepareFiles(folder_, kNewDataSize, kLockSize);
+    const bool isNew = access((folder_ + "/signal").c_str(), F_OK) != 0;
+    if (!isNew) {
+        openSignal(0);
+    }
+    try {
+        openEnvironment();
+    } catch (const Damage&) {
+        if (!isNew) {
+            throw;
+        }
+        close();  // the machine failed while the store was made, and nobody has written to it yet
+        (void)std::rename((folder_ + "/data.mdb").c_str(), (folder_ + "/data.mdb.unusable").c_str());
+        openEnvironment();
+    }
+    if (isNew) {
+        checked("write to the disk", mdb_env_sync(env_, 1));
+        (void)fsync(folder);
+        openSignal(O_CREAT);
+    }
+}
+
+void Store::openEnvironment()
+{
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
     checked("set up", mdb_env_set_mapsize(env_, kMapSize));
     checked("set up", mdb_env_set_maxreaders(env_, kMaxReaders));
     // A persistent write is flushed in two steps, see write().
-    synced_ = lifetime == Lifetime::Persistent;
-    const unsigned flags = synced_ ? MDB_NOMETASYNC : MDB_NOSYNC;
-    checked("open", mdb_env_open(env_, folder_.handle().c_str(), flags, 0600));
+    const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
+    checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
     checkDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
-    openSignal();
-}
-
-// A file that has been cut short would be a bus error when a lost page is read, and a hole after the next write.
-void Store::checkDataFile() const
-{
-    MDB_envinfo info{};
-    MDB_stat stat{};
-    checked("inspect", mdb_env_info(env_, &info));
-    checked("inspect", mdb_env_stat(env_, &stat));
-    int fd = -1;
-    checked("inspect", mdb_env_get_fd(env_, &fd));
-    struct stat status {};
-    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
-        throw Error("cannot use the store in " + folder_.path() + ": its files were removed; restart this program");
-    }
-    if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
-        throw Error("cannot use " + folder_.path() +
-                    "/data.mdb: it has been cut short; remove the folder to start afresh");
-    }
 }
 
 void Store::openTables()
@@ -144,33 +189,88 @@ void Store::openTables()
     checked("open the tables of", mdb_txn_commit(txn.release()));
 }
 
-void Store::openSignal()
+// LMDB tells processes from each other by their ids, so all must be of one PID namespace. It stands in the signal file,
+// and who uses the store holds a lock on that.
+void Store::openSignal(int flags)
 {
-    signal_ = ::open(signalPath().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const std::string path = folder_ + "/signal";
+    signal_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
     if (signal_ < 0) {
-        throw Error("cannot open " + folder_.path() + "/signal" + ": " + std::strerror(errno));
+        throw Error("cannot open " + path + ": " + std::strerror(errno));
     }
-    // Its one byte takes its place on the disk now, so that a full disk cannot keep a later signal from being given.
     struct stat status {};
-    if (fstat(signal_, &status) != 0 || (status.st_size == 0 && pwrite(signal_, "\0", 1, 0) != 1)) {
-        throw Error("cannot write to " + folder_.path() + "/signal" + ": " + std::strerror(errno));
+    (void)stat("/proc/thread-self/ns/pid", &status);
+    // The first byte is what is written to; it takes its place on the disk now, so that a full one cannot keep a later
+    // signal from being given.
+    const std::array<uint64_t, 2> mine{0, status.st_ino};
+    std::array<uint64_t, 2> found{};
+    if (pread(signal_, found.data(), sizeof found, 0) != sizeof found || found[1] != mine[1]) {
+        if (flock(signal_, LOCK_EX | LOCK_NB) != 0) {
+            throw Error("cannot use " + folder_ + ": it is in use from another PID namespace (a container); set " +
+                        "ZOL_VCONF_DIR to a folder of its own in each");
+        }
+        if (pwrite(signal_, mine.data(), sizeof mine, 0) != sizeof mine) {
+            throw Error("cannot write to " + path + ": " + std::strerror(errno));
+        }
+    }
+    flock(signal_, LOCK_SH);
+}
+
+void Store::close()
+{
+    mdb_env_close(env_);
+    env_ = nullptr;
+    closeSignal();
+}
+
+void Store::closeSignal()
+{
+    if (signal_ >= 0) {
+        ::close(signal_);
+    }
+    signal_ = -1;
+}
+
+// A file that has been cut short would be a bus error when a lost page is read, and a hole after the next write.
+void Store::checkDataFile() const
+{
+    MDB_envinfo info{};
+    MDB_stat stat{};
+    checked("inspect", mdb_env_info(env_, &info));
+    checked("inspect", mdb_env_stat(env_, &stat));
+    int fd = -1;
+    checked("inspect", mdb_env_get_fd(env_, &fd));
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
+        throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
+    }
+    if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
+        throw Damage("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
     }
 }
 
-void Store::closeSignalInChild()
+std::string Store::signalPath()
 {
-    close(signal_);
-    signal_ = -1;
+    const Use open = use();
+    return folder_ + "/signal";
+}
+
+bool Store::isRemoved()
+{
+    const Use open = use();
+    struct stat status {};
+    return fstat(signal_, &status) == 0 && status.st_nlink == 0;
 }
 
 void Store::fail(const std::string& what, int code) const
 {
+    const std::string message = "cannot " + what + " the store in " + folder_ + ": " + mdb_strerror(code);
     std::string advice;
     switch (code) {
         case ENOMEM:
             throw std::bad_alloc();
         case MDB_MAP_FULL:
-            advice = "; the store is full";
+            advice = "; the store is full, set values to shorter ones";
             break;
         case ENOSPC:
             advice = "; free some space there";
@@ -178,15 +278,16 @@ void Store::fail(const std::string& what, int code) const
         case EIO:  // also where the disk took a part of what was written
             advice = "; its disk may be full";
             break;
-        case MDB_INVALID:
         case MDB_VERSION_MISMATCH:
-        case MDB_CORRUPTED:
             advice = "; remove the folder to start afresh";
             break;
+        case MDB_INVALID:
+        case MDB_CORRUPTED:
+            throw Damage(message + "; remove the folder to start afresh");
         default:
             break;
     }
-    throw Error("cannot " + what + " the store in " + folder_.path() + ": " + mdb_strerror(code) + advice);
+    throw Error(message + advice);
 }
 
 void Store::checked(const char* what, int code) const
@@ -198,16 +299,6 @@ void Store::checked(const char* what, int code) const
 
 // ---- reading --------------------------------------------------------------------------------------------------------
 
-ReadTransaction::ReadTransaction(const Store& store) : store_(store)
-{
-    int code = mdb_txn_begin(store.env_, nullptr, MDB_RDONLY, &txn_);
-    if (code == MDB_READERS_FULL) {
-        mdb_reader_check(store.env_, nullptr);
-        code = mdb_txn_begin(store.env_, nullptr, MDB_RDONLY, &txn_);
-    }
-    store.checked("read", code);
-}
-
 bool ReadTransaction::value(std::string_view key, Record& record) const
 {
     MDB_val name = valueOf(key);
@@ -217,75 +308,48 @@ bool ReadTransaction::value(std::string_view key, Record& record) const
         return false;
     }
     store_.checked("read", code);
-    if (stored.mv_size < kValueHeaderSize) {
+    ValueHeader header{};
+    if (stored.mv_size < sizeof header) {
         store_.fail("read", MDB_CORRUPTED);
     }
-    ValueHeader header{};
-    const char* at = static_cast<const char*>(stored.mv_data);
-    at = take(at, header.sequence);
-    at = take(at, header.time);
-    at = take(at, header.type);
-    record = {header.sequence, header.time, header.type, key, {at, stored.mv_size - kValueHeaderSize}};
+    std::memcpy(&header, stored.mv_data, sizeof header);
+    record = {header.sequence, header.type, key, textOf(stored).substr(sizeof header)};
     return true;
 }
 
-bool ReadTransaction::edge(MDB_cursor_op position, uint64_t& sequence) const
+bool ReadTransaction::writeAfter(uint64_t sequence, Record& record) const
 {
-    MDB_cursor* cursor = nullptr;
-    store_.checked("read", mdb_cursor_open(txn_, store_.journal_, &cursor));
-    MDB_val number{};
-    MDB_val ignored{};
-    const int code = mdb_cursor_get(cursor, &number, &ignored, position);
-    if (code == 0) {
-        std::memcpy(&sequence, number.mv_data, sizeof sequence);
-    }
-    mdb_cursor_close(cursor);
-    if (code != MDB_NOTFOUND) {
-        store_.checked("read", code);
-    }
-    return code == 0;
+    return store_.journalEntry(txn_, sequence + 1, MDB_SET_RANGE, record);
 }
 
 uint64_t ReadTransaction::lastSequence() const
 {
-    uint64_t sequence = 0;
-    edge(MDB_LAST, sequence);
-    return sequence;
+    Record last;
+    store_.journalEntry(txn_, 0, MDB_LAST, last);
+    return last.sequence;
 }
 
-uint64_t ReadTransaction::firstSequence() const
+bool Store::journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Record& record) const
 {
-    uint64_t sequence = 0;
-    edge(MDB_FIRST, sequence);
-    return sequence;
-}
-
-bool ReadTransaction::journalEntry(MDB_cursor* cursor, uint64_t sequence, MDB_cursor_op move, Record& record) const
-{
+    MDB_cursor* cursor = nullptr;
+    checked("read", mdb_cursor_open(txn, journal_, &cursor));
     MDB_val number = valueOf(sequence);
     MDB_val stored{};
     const int code = mdb_cursor_get(cursor, &number, &stored, move);
+    mdb_cursor_close(cursor);
     if (code == MDB_NOTFOUND) {
         return false;
     }
-    store_.checked("read", code);
-    std::memcpy(&record.sequence, number.mv_data, sizeof record.sequence);
+    checked("read", code);
     JournalHeader header{};
-    const char* at = static_cast<const char*>(stored.mv_data);
-    const char* const end = at + stored.mv_size;
-    if (stored.mv_size >= kJournalHeaderSize) {
-        at = take(at, header.time);
-        at = take(at, header.type);
-        at = take(at, header.keySize);
+    std::memcpy(&header, stored.mv_data, std::min(sizeof header, stored.mv_size));
+    if (stored.mv_size < sizeof header + header.keySize) {
+        fail("read", MDB_CORRUPTED);
     }
-    if (stored.mv_size < kJournalHeaderSize + header.keySize) {
-        store_.fail("read", MDB_CORRUPTED);
-    }
-    record.time = header.time;
+    std::memcpy(&record.sequence, number.mv_data, sizeof record.sequence);
     record.type = header.type;
-    record.key = {at, header.keySize};
-    at += header.keySize;
-    record.data = {at, static_cast<size_t>(end - at)};
+    record.key = textOf(stored).substr(sizeof header, header.keySize);
+    record.data = textOf(stored).substr(sizeof header + header.keySize);
     return true;
 }
 
@@ -293,61 +357,70 @@ bool ReadTransaction::journalEntry(MDB_cursor* cursor, uint64_t sequence, MDB_cu
 
 void Store::write(std::string_view key, int type, std::string_view data)
 {
-    MDB_txn* begun = nullptr;
-    checked("write to", mdb_txn_begin(env_, nullptr, 0, &begun));
-    WriteTransaction txn(begun);
-
+    Use open = use();
+    WriteTransaction txn(begin(open, 0));
     checkDataFile();
 
-    MDB_cursor* cursor = nullptr;  // ends with the transaction
-    checked("write to", mdb_cursor_open(txn.get(), journal_, &cursor));
-    uint64_t sequence = 0;
-    MDB_val number{};
-    MDB_val ignored{};
-    int code = mdb_cursor_get(cursor, &number, &ignored, MDB_LAST);
-    if (code == 0) {
-        std::memcpy(&sequence, number.mv_data, sizeof sequence);
-    } else if (code != MDB_NOTFOUND) {
-        fail("read", code);
-    }
-    ++sequence;
-    const int64_t time = now();
-    const auto storedType = static_cast<uint8_t>(type);
+    Record last;
+    journalEntry(txn.get(), 0, MDB_LAST, last);
+    uint64_t sequence = last.sequence + 1;
+    const size_t before = bytesOf(statOf(txn.get(), values_));
 
+    const ValueHeader header{sequence, 0, static_cast<uint8_t>(type)};
     MDB_val name = valueOf(key);
-    MDB_val space{kValueHeaderSize + data.size(), nullptr};
+    MDB_val space{sizeof header + data.size(), nullptr};
     checked("write to", mdb_put(txn.get(), values_, &name, &space, MDB_RESERVE));
-    char* to = static_cast<char*>(space.mv_data);
-    append(append(append(append(to, sequence), time), storedType), data);
+    std::memcpy(space.mv_data, &header, sizeof header);
+    std::memcpy(static_cast<char*>(space.mv_data) + sizeof header, data.data(), data.size());
 
-    const auto keySize = static_cast<uint16_t>(key.size());
-    number = valueOf(sequence);
-    space = {kJournalHeaderSize + key.size() + data.size(), nullptr};
-    checked("write to", mdb_cursor_put(cursor, &number, &space, MDB_RESERVE | MDB_APPEND));
-    to = static_cast<char*>(space.mv_data);
-    append(append(append(append(append(to, time), storedType), keySize), key), data);
+    const JournalHeader entry{0, header.type, static_cast<uint16_t>(key.size())};
+    MDB_val number = valueOf(sequence);
+    space = {sizeof entry + key.size() + data.size(), nullptr};
+    checked("write to", mdb_put(txn.get(), journal_, &number, &space, MDB_RESERVE | MDB_APPEND));
+    auto* const to = static_cast<char*>(space.mv_data);
+    std::memcpy(to, &entry, sizeof entry);
+    std::memcpy(to + sizeof entry, key.data(), key.size());
+    std::memcpy(to + sizeof entry + key.size(), data.data(), data.size());
 
-    trimJournal(txn.get(), cursor);
+    trimJournal(txn.get());
+    // Even a write that shortens a value needs new pages before it gives back old ones.
+    MDB_envinfo info{};
+    checked("inspect", mdb_env_info(env_, &info));
+    const size_t after = bytesOf(statOf(txn.get(), values_));
+    if ((after > before || data.size() > kSmall) &&
+        after + bytesOf(statOf(txn.get(), journal_)) + kHeadroom > info.me_mapsize) {
+        fail("write to", MDB_MAP_FULL);
+    }
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
-    (void)!pwrite(signal_, "", 1, 0);
-    if (synced_) {
+    if (pwrite(signal_, "", 1, 0) != 1) {
+        const int other = ::open((folder_ + "/signal").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (other >= 0) {
+            ::close(other);  // wakes the watchers, too
+        }
+    }
+    if (lifetime_ == Lifetime::Persistent) {
         // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
         // should the machine fail meanwhile, they fail with it.
         checked("write to the disk", mdb_env_sync(env_, 1));
     }
 }
 
+MDB_stat Store::statOf(MDB_txn* txn, MDB_dbi table) const
+{
+    MDB_stat stat{};
+    checked("write to", mdb_stat(txn, table, &stat));
+    return stat;
+}
+
 // Many at a time and seldom, since every write that removes some has more pages to write.
-void Store::trimJournal(MDB_txn* txn, MDB_cursor* cursor) const
+void Store::trimJournal(MDB_txn* txn) const
 {
     size_t most = kJournalWrites + kJournalSlack;
     for (;;) {
-        MDB_stat stat{};
-        checked("write to", mdb_stat(txn, journal_, &stat));
-        const size_t bytes = (stat.ms_leaf_pages + stat.ms_overflow_pages) * stat.ms_psize;
-        if (stat.ms_entries <= most && (bytes <= kJournalBytes || stat.ms_entries == 1)) {
+        const MDB_stat stat = statOf(txn, journal_);
+        if (stat.ms_entries <= most && (bytesOf(stat) <= kJournalBytes || stat.ms_entries == 1)) {
             return;
         }
         if (most != kJournalWrites) {
@@ -355,10 +428,10 @@ void Store::trimJournal(MDB_txn* txn, MDB_cursor* cursor) const
             // A reader that was killed holds on to the pages of its snapshot, and the file would grow without end.
             mdb_reader_check(env_, nullptr);
         }
-        MDB_val number{};
-        MDB_val ignored{};
-        checked("write to", mdb_cursor_get(cursor, &number, &ignored, MDB_FIRST));
-        checked("write to", mdb_cursor_del(cursor, 0));
+        Record oldest;
+        journalEntry(txn, 0, MDB_FIRST, oldest);
+        MDB_val number = valueOf(oldest.sequence);
+        checked("write to", mdb_del(txn, journal_, &number, nullptr));
     }
 }
 

@@ -9,14 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <forward_list>
-#include <mutex>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
 
 #include "delivery.h"
-#include "log.h"
 #include "store.h"
 
 namespace vconf {
@@ -24,85 +22,50 @@ namespace {
 
 // All that a process holds of the store. Never destroyed: threads may use the store until the very end of the process.
 //
-// Locks, in the order in which they are taken: `openLock`, which lets one thread open a half, then the lock of
-// `delivery`. Reading and writing take neither once a half is open. LMDB's writer lock is taken last of all.
+// Locks, in the order in which they are taken: the lock of `delivery`, then the one of a half, then LMDB's writer lock.
+//
+// A child of fork() makes everything anew, locks included, and leaves alone what its parent made: LMDB would clear the
+// parent's entries in the table of readers.
 struct Process {
-    std::array<std::atomic<Store*>, 2> halves{};
-    std::mutex openLock;
+    explicit Process(const Process* from) : inherited(from) {}
+
+    std::array<Store, 2> halves{Store(Lifetime::Persistent), Store(Lifetime::Volatile)};
     Delivery delivery;
-    // All that were ever opened. A child must neither use nor close what its parent opened: LMDB would clear the
-    // parent's entries in the table of readers. It opens the store anew, and what it inherited is only kept here.
-    std::forward_list<Store*> opened;
-
-    Process()
-    {
-        if (pthread_atfork(prepareFork, parentOfFork, childOfFork) != 0) {
-            throw std::bad_alloc();
-        }
-    }
-
-    static void prepareFork();
-    static void parentOfFork();
-    static void childOfFork();
+    bool ofParent = false;
+    const Process* const inherited;  // keeps it in sight of leak checkers
 };
 
+std::atomic<Process*> current{nullptr};
+
+void leaveToParent()
+{
+    if (Process* const the = current) {
+        the->ofParent = true;
+        for (Store& half : the->halves) {
+            half.closeSignal();
+        }
+    }
+}
+
+const bool forksAreSeen = pthread_atfork(nullptr, nullptr, leaveToParent) == 0;
+
+// Without a lock, which a child forked by another thread would find taken.
 Process& process()
 {
-    static auto* const the = new Process;
+    Process* the = current;
+    if (the == nullptr || the->ofParent) {
+        if (!forksAreSeen) {
+            throw std::bad_alloc();
+        }
+        auto made = std::make_unique<Process>(the);
+        if (current.compare_exchange_strong(the, made.get())) {
+            the = made.release();
+        }
+    }
     return *the;
 }
 
-// When the library is loaded, before a thread can fork beside another one's first call, and before the library's users
-// set up their handlers: what is set up first is called last, and they call with their locks held. Without memory the
-// first call tries again.
-[[gnu::constructor]] void makeProcessEarly() noexcept
-{
-    try {
-        process();
-    } catch (const std::bad_alloc&) {
-        return;
-    }
-}
-
-void Process::prepareFork()
-{
-    process().openLock.lock();
-    process().delivery.lockForFork();
-}
-
-void Process::parentOfFork()
-{
-    process().delivery.unlockInParent();
-    process().openLock.unlock();
-}
-
-void Process::childOfFork()
-{
-    for (auto& half : process().halves) {
-        if (Store* store = half.exchange(nullptr)) {
-            store->closeSignalInChild();
-        }
-    }
-    process().delivery.resetInChild();
-    process().openLock.unlock();
-}
-
-Store& storeOf(Lifetime lifetime)
-{
-    auto& half = process().halves[static_cast<size_t>(lifetime)];
-    Store* store = half.load(std::memory_order_acquire);
-    if (store == nullptr) {
-        const std::lock_guard<std::mutex> guard(process().openLock);
-        store = half.load(std::memory_order_relaxed);
-        if (store == nullptr) {
-            std::forward_list<Store*> place(1);  // made first: what is open has to be remembered
-            store = place.front() = new Store(lifetime);
-            process().opened.splice_after(process().opened.before_begin(), place);
-            half.store(store, std::memory_order_release);
-        }
-    }
-    return *store;
-}
+Store& storeOf(Lifetime lifetime) { return process().halves[static_cast<size_t>(lifetime)]; }
 
 std::string_view checkedKey(const char* key)
 {
@@ -130,35 +93,14 @@ Pointer checkedPointer(Pointer pointer, const char* what, std::string_view key)
 
 const char* nameOf(int type)
 {
-    switch (type) {
-        case VCONF_TYPE_STRING:
-            return "a string";
-        case VCONF_TYPE_INT:
-            return "an integer";
-        case VCONF_TYPE_BOOL:
-            return "a boolean";
-        default:
-            return "something unknown";
-    }
+    constexpr std::array<const char*, 3> kNames = {"a boolean", "an integer", "a string"};  // as vconf.h numbers them
+    return type >= 0 && type < 3 ? kNames.at(static_cast<size_t>(type)) : "something unknown";
 }
-
-// A thread that is cancelled in the middle of a call would leave LMDB's locks taken.
-class CancellationOff {
-public:
-    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
-    CancellationOff(const CancellationOff&) = delete;
-    CancellationOff& operator=(const CancellationOff&) = delete;
-
-private:
-    int before_ = 0;
-};
 
 // Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result.
 template <class Body, class Result>
 Result guarded(const char* function, Result failed, Body body)
 {
-    const CancellationOff whole;
     try {
         return body();
     } catch (const std::bad_alloc&) {
@@ -257,8 +199,7 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* u
         const std::string_view name = checkedKey(key);
         checkedPointer(handler, "the handler", name);
         const Lifetime lifetime = lifetimeOf(name);
-        Store& store = storeOf(lifetime);  // before the delivery's lock is taken
-        process().delivery.subscribe(store, lifetime, name, handler, user_data);
+        process().delivery.subscribe(storeOf(lifetime), lifetime, name, handler, user_data);
         return 0;
     });
 }

@@ -24,7 +24,7 @@
 namespace zolctl {
 namespace {
 
-using Buffer = rapidjson::StringBuffer;
+using Buffer = JsonBuffer;
 
 // What the library lets its callers do. The counters can only be watched; the tool reads them by their keys.
 std::vector<std::string> accessOf(const Setting& setting)
@@ -242,16 +242,19 @@ std::string readFile(const std::string& path)
     return text;
 }
 
-rapidjson::Document parseFile(const std::string& source, const std::string& text)
+Document parseFile(const std::string& source, const std::string& text)
 {
     // Without recursion, so that no file can be nested too deep.
     constexpr unsigned kFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
-    rapidjson::Document document;
+    Document document;
     document.Parse<kFlags>(text.data(), text.size());
-    if (document.HasParseError()) {
-        const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(document.GetErrorOffset(), text.size()));
-        throw UsageError(source + ", line " + std::to_string(std::count(text.begin(), end, '\n') + 1) +
-                         ": not JSON: " + rapidjson::GetParseError_En(document.GetParseError()));
+    const std::size_t nul = text.find('\0');  // where the parser takes the text to end
+    if (document.HasParseError() || nul != std::string::npos) {
+        const std::size_t offset = document.HasParseError() ? document.GetErrorOffset() : nul;
+        const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
+        throw UsageError(source + ", line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ": not JSON: " +
+                         (document.HasParseError() ? rapidjson::GetParseError_En(document.GetParseError())
+                                                   : "a NUL character; take it out"));
     }
     if (!document.IsObject()) {
         throw UsageError(source + R"(: must hold one JSON object, like {"OSDLanguage": "en_US"})");
@@ -259,7 +262,9 @@ rapidjson::Document parseFile(const std::string& source, const std::string& text
     return document;
 }
 
-Value valueFrom(const Setting& setting, const rapidjson::Value& json)
+constexpr std::size_t kMaxTextSize = std::size_t{64} << 20;  // of the store on a desk
+
+Value valueFrom(const Setting& setting, const Document::ValueType& json)
 {
     const std::string type = setting.type();
     const std::string name = setting.name;
@@ -281,6 +286,9 @@ Value valueFrom(const Setting& setting, const rapidjson::Value& json)
     if (std::strlen(json.GetString()) != json.GetStringLength()) {
         throw UsageError(name + " holds a NUL character, which the store cannot hold; take it out");
     }
+    if (json.GetStringLength() > kMaxTextSize) {
+        throw UsageError(name + " is longer than 64 MiB; shorten it");
+    }
     return std::string(json.GetString());
 }
 
@@ -289,7 +297,7 @@ Value valueFrom(const Setting& setting, const rapidjson::Value& json)
 int load(const std::string& path)
 {
     const std::string source = path == "-" ? "standard input" : path;
-    const rapidjson::Document document = parseFile(source, readFile(path));
+    const Document document = parseFile(source, readFile(path));
 
     std::vector<std::pair<const Setting*, Value>> values;
     std::set<std::string> names;

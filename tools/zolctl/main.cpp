@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -231,6 +232,9 @@ int main(int argc, char** argv)
     } catch (const UsageError& error) {
         printError(error.what());
         return kExitUsage;
+    } catch (const std::bad_alloc&) {
+        (void)std::fputs("zolctl: out of memory\n", stderr);
+        return kExitFailed;
     } catch (const std::exception& error) {
         printError(error.what());
         return kExitFailed;

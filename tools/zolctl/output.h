@@ -2,14 +2,40 @@
 #ifndef ZOLCTL_OUTPUT_H
 #define ZOLCTL_OUTPUT_H
 
-#include <rapidjson/rapidjson.h>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
 
+#include <cstddef>
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <variant>
 
 #include "value.h"
 
 namespace zolctl {
+
+/// For RapidJSON, which does not look whether it got the memory that it asked for.
+/// Its functions throw std::bad_alloc when there is none.
+struct ThrowingAllocator {
+    static const bool kNeedFree = true;
+    static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
+    static void* Realloc(void* old, std::size_t /*oldSize*/, std::size_t size)
+    {
+        void* const block = size == 0 ? nullptr : std::realloc(old, size);
+        if (size == 0) {
+            std::free(old);
+        } else if (block == nullptr) {
+            throw std::bad_alloc();
+        }
+        return block;
+    }
+    static void Free(void* block) { std::free(block); }
+};
+
+using Document =
+    rapidjson::GenericDocument<rapidjson::UTF8<>, rapidjson::MemoryPoolAllocator<ThrowingAllocator>, ThrowingAllocator>;
+using JsonBuffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, ThrowingAllocator>;
 
 bool isUtf8(const std::string& text);
 

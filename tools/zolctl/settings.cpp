@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstring>
 #include <vector>
 
 #include "ZOLSystemData.h"
@@ -147,16 +148,17 @@ const Setting& findSetting(const std::string& name)
     const Setting* nearest = nullptr;
     std::size_t least = name.size() / 3 + 2;  // further away than that, it was no slip of the finger
     for (const Setting& setting : allSettings()) {
-        const std::size_t distance = editDistance(name, setting.name);
         if (name == setting.name) {
             return setting;
         }
+        const bool tooLong = name.size() >= least + std::strlen(setting.name);  // takes at least as many changes
+        const std::size_t distance = tooLong ? least : editDistance(name, setting.name);
         if (distance < least) {
             least = distance;
             nearest = &setting;
         }
     }
-    throw UsageError("unknown setting " + name + "; " +
+    throw UsageError("unknown setting " + name.substr(0, 100) + "; " +
                      (nearest == nullptr ? std::string("zolctl list shows them all.")
                                          : std::string("did you mean ") + nearest->name + "?"));
 }

@@ -3,12 +3,14 @@
 
 #include "watch.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -140,7 +142,7 @@ private:
 using Apps = std::set<std::string>;
 
 // The text of that member, or an empty one where there is no such text.
-std::string textOf(const rapidjson::Value& entry, const char* name)
+std::string textOf(const Document::ValueType& entry, const char* name)
 {
     const auto member = entry.FindMember(name);
     return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : "";
@@ -149,13 +151,13 @@ std::string textOf(const rapidjson::Value& entry, const char* name)
 // The apps that are on in the text of the app list; nothing when it is not a list.
 std::optional<Apps> appsThatAreOn(const std::string& text)
 {
-    rapidjson::Document document;
+    Document document;
     document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
     if (document.HasParseError() || !document.IsArray()) {
         return std::nullopt;
     }
     Apps apps;
-    for (const rapidjson::Value& entry : document.GetArray()) {
+    for (const Document::ValueType& entry : document.GetArray()) {
         if (entry.IsObject() && textOf(entry, "concurrent") == "on") {
             apps.insert(textOf(entry, "appid"));
         }
@@ -208,8 +210,8 @@ private:
     template <class WriteRest>
     static std::string jsonLine(const Change& change, WriteRest writeRest)
     {
-        rapidjson::StringBuffer buffer;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        JsonBuffer buffer;
+        rapidjson::Writer<JsonBuffer> writer(buffer);
         writer.StartObject();
         writer.Key("time");
         writeJson(writer, change.time);
@@ -271,12 +273,39 @@ private:
 // Standard output, of which as much is written as its reader takes.
 class Output {
 public:
-    void add(const std::string& text) { waiting_ += text; }
-    bool empty() const { return waiting_.empty(); }
+    // Standard output is shared with others, who may want to wait for its reader; opened again, it need not make this
+    // tool wait. Not a file, where each opening has a position of its own; nor a socket, where it cannot be done.
+    Output()
+    {
+        struct stat status {};
+        if (fstat(STDOUT_FILENO, &status) == 0 && !S_ISREG(status.st_mode)) {
+            const int own = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+            fd_ = own < 0 ? fd_ : own;
+        }
+    }
+    ~Output()
+    {
+        if (fd_ != STDOUT_FILENO) {
+            close(fd_);
+        }
+    }
+    Output(const Output&) = delete;
+    Output(Output&&) = delete;
+    Output& operator=(const Output&) = delete;
+    Output& operator=(Output&&) = delete;
+
+    void add(const std::string& text)
+    {
+        if (written_ > waiting_.size() / 2) {
+            waiting_.erase(0, std::exchange(written_, 0));
+        }
+        waiting_ += text;
+    }
+    bool empty() const { return written_ == waiting_.size(); }
     bool closed() const { return closed_; }
 
     /// What poll() is to wait for.
-    pollfd poll() const { return {STDOUT_FILENO, static_cast<short>(empty() ? 0 : POLLOUT), 0}; }
+    pollfd poll() const { return {fd_, static_cast<short>(empty() ? 0 : POLLOUT), 0}; }
 
     /// Acts on what poll() found.
     void handle(short found)
@@ -299,13 +328,13 @@ public:
     }
 
 private:
-    // Where poll() finds room, this much can be written without waiting.
+    // Where poll() finds room, this much can be written without waiting, unless somebody else was faster.
     void writeSome()
     {
         const ssize_t written =
-            ::write(STDOUT_FILENO, waiting_.data(), std::min<std::size_t>(waiting_.size(), PIPE_BUF));
+            ::write(fd_, &waiting_[written_], std::min<std::size_t>(waiting_.size() - written_, PIPE_BUF));
         if (written >= 0) {
-            waiting_.erase(0, static_cast<std::size_t>(written));
+            written_ += static_cast<std::size_t>(written);
         } else if (errno == EPIPE) {
             closed_ = true;
         } else if (errno != EAGAIN && errno != EINTR) {
@@ -313,7 +342,9 @@ private:
         }
     }
 
+    int fd_ = STDOUT_FILENO;
     std::string waiting_;
+    std::size_t written_ = 0;  // of what was waiting
     bool closed_ = false;
 };
 

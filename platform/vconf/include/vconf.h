@@ -11,9 +11,10 @@
 ///
 /// What the stand-in adds to that: keys are 1 to 511 bytes and texts at most 64 MiB long; a null argument fails; a call
 /// that fails for any reason but a missing key writes one line to the log that says what is wrong. Keys that begin with
-/// "memory/" last until the machine restarts, all others are on disk when the call that writes them returns; a write
-/// that fails at the very last, because the disk reports an error, may have been seen by others. After fork() the child
-/// may use every function; it has no subscriptions of its own yet.
+/// "memory/" last until the machine restarts, all others are on disk when the call that writes them returns. Others see
+/// a write a little earlier, so they may have acted on one that a power loss takes back or that fails at the very last,
+/// because the disk reports an error. After fork() the child may use every function; it has no subscriptions of its own
+/// yet.
 #ifndef VCONF_H
 #define VCONF_H
 
@@ -39,8 +40,9 @@ struct keynode_t {
 /// Is called after a key has changed.
 /// @param node       The key with its value.
 /// @param user_data  What was given with the subscription.
-/// Runs on a thread of the store's choosing, with no lock of the store held. It must not throw. The stand-in's thread
-/// has all signals blocked; a handler that starts a program by fork() and exec() unblocks them for it.
+/// Runs on a thread of the store's choosing, with no lock of the store held. It must not throw, and should not end
+/// the thread. The stand-in's thread has all signals blocked; a handler that starts a program by fork() and exec()
+/// unblocks them for it.
 typedef void (*vconf_callback_fn)(keynode_t* node, void* user_data);
 
 /// Reads a string key.
@@ -72,8 +74,8 @@ int vconf_set_bool(const char* key, int value);
 /// @param user_data  Handed to the handler unchanged; the store does not look at it.
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data);
 
-/// Ends the subscription of that handler to that key. After the call has returned no new call of the handler begins
-/// for the key. It does not wait for one that has begun, so a handler may make this call.
+/// Ends the subscription of that handler to that key. It does not wait for a call of the handler that has begun, so a
+/// handler may make this call; one call more, for a write before the end, may still begin after it has returned.
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler);
 
 #ifdef __cplusplus
