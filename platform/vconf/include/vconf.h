@@ -1,7 +1,7 @@
 /// @file
 /// What the library expects of the platform's key-value store. On a TV the platform supplies it; on a desk the
 /// stand-in beside this header does. A header of the platform's own must declare the same names: the functions, the
-/// record `keynode_t` under this very tag, and the members of it that are named here.
+/// record `keynode_t`, under any tag, and the members of it that are named here.
 ///
 /// Common to all functions:
 /// - `key` and texts are NUL-terminated, are not changed, and nothing is kept of them after the call.
