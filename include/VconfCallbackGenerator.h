@@ -33,8 +33,8 @@ struct CallbackNode {
 /// Watches one vconf key for any number of callbacks: subscribes to the key when a callback arrives, hands every change
 /// to the callbacks in the order of their registration, and unsubscribes when the last one leaves.
 ///
-/// Who makes a watcher must keep it for as long as vconf may call it or another thread may be inside one of its
-/// operations. There should be one watcher per key at a time: vconf tells subscriptions apart by their keys.
+/// Who makes a watcher keeps it for as long as vconf may call it or a thread may be inside one of its operations.
+/// There should be one watcher per key at a time: vconf tells subscriptions apart by their keys.
 ///
 /// Threads: every member may be called from any thread. Callbacks run with the watcher's lock held, so they must not
 /// register or unregister on it; ZOLSystemDataNotify tells what else they may do.

@@ -60,6 +60,7 @@ constexpr std::size_t rowOf = [] {
 
 // Never destroyed, like the watchers in them: callbacks may still come while the process ends.
 WatcherSlot slots[std::size(kTopics)];
+static_assert(std::is_trivially_destructible_v<WatcherSlot>);
 
 // The slot that an address lies in, or null.
 WatcherSlot* slotAt(const void* address)

@@ -419,19 +419,34 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
     EXPECT_EQ(1, removeLanguage(onText));
 }
 
-TEST_F(NotifyTest, TheEndOfAWatcherWaitsForTheCallbacksThatRun)
+// Does something on another thread that has to wait for a callback, which is let go when `meanwhile` is done.
+void waitForCallback(const std::string& key, const Stop& callback, const std::function<void()>& act,
+                     const std::function<void()>& meanwhile)
 {
-    Stop running;
-    auto watcher = std::make_unique<VconfCallbackGenerator>(DATA_TYPE_STRING, "db/k");
-    watcher->RegisterCallback(untyped(slow), &running);
-    watcher->RegisterCallback(untyped(onText), one);
-    const auto delivery = std::async(std::launch::async, [] { mock::fire("db/k", mock::text("x")); });
-    running.reached.pass();
-    const auto end = std::async(std::launch::async, [&watcher] { watcher.reset(); });
+    const auto delivery = std::async(std::launch::async, [&key] { mock::fire(key, mock::text("x")); });
+    callback.reached.pass();
+    std::atomic<bool> isOver{false};
+    const auto waiting = std::async(std::launch::async, [&] {
+        act();
+        EXPECT_TRUE(isOver);
+    });
     giveWay();
-    running.go.open();
-    end.wait();
-    EXPECT_EQ(Events{"x one"}, told());
+    meanwhile();
+    isOver = true;
+    callback.go.open();
+}
+
+TEST_F(NotifyTest, ARemovalAndTheEndOfAWatcherWaitForTheCallback)
+{
+    Stop stop;
+    auto own = std::make_unique<Watcher>(DATA_TYPE_STRING, "db/k");
+    own->RegisterCallback(untyped(slow), &stop);
+    waitForCallback(
+        "db/k", stop, [&own] { own.reset(); }, [] {});
+    addLanguage(slow, &stop);
+    waitForCallback(
+        kLanguage, stop, [] { EXPECT_EQ(1, removeLanguage(slow)); },
+        [] { EXPECT_EQ(0, addLanguage(nullptr, nullptr)); });  // which takes the key lock and nothing else
 }
 
 TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAThreadIsInsideIt)
@@ -459,30 +474,6 @@ TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAThreadIsInsideIt)
     stopOther(
         kUnsubscribed, [&refused] { mock::deliver(refused, mock::text("x")); },
         [] { EXPECT_EQ(0, removeLanguage(onText)); }, released("ZOLLanguage", {}));
-}
-
-TEST_F(NotifyTest, AnUnregistrationReturnsAfterTheCallbackAndHoldsNoKeyLockMeanwhile)
-{
-    static Stop running;
-    static std::atomic<bool> ended;
-    const ZOLStringCallback late = [](std::string, void*) {
-        running.reach();
-        giveWay();
-        ended = true;
-    };
-    addLanguage(late, nullptr);
-    const auto delivery = std::async(std::launch::async, [] { mock::fire(kLanguage, mock::text("x")); });
-    running.reached.pass();
-    const Gate begun;
-    at(kRemoving, [&begun] { begun.open(); });
-    const auto removal = std::async(std::launch::async, [late] {
-        EXPECT_EQ(1, removeLanguage(late));
-        EXPECT_TRUE(ended);
-    });
-    begun.pass();
-    giveWay();
-    EXPECT_EQ(0, addLanguage(nullptr, nullptr));  // takes the key lock and nothing else
-    running.go.open();
 }
 
 TEST_F(NotifyTest, CallbacksUseOtherTopicsWhileAllAreUsed)
@@ -577,30 +568,6 @@ TEST_F(NotifyTest, ACallbackThatThrowsOrEndsItsThreadHoldsNothingUp)
         mock::note("not cancelled");
     }).join();
     mock::did(released("ZOLLanguage", {kRemoving, removed("nodeList is empty, call "), kIgnore}));
-}
-
-constexpr auto addActivated = ZOLSystemDataNotify::RegisterZOLActivatedCallback;
-int fireActivated() { return mock::fire("db/multi-assistant/activated", mock::boolean(1)); }
-
-// The process ends, from the main thread and from a callback, while watchers stand and deliveries are under way.
-TEST_F(NotifyTest, TheProcessMayEndAtAnyTime)
-{
-    for (const bool fromCallback : {false, true}) {
-        inChild([fromCallback] {
-            static const Gate& called = *new Gate;  // the threads use it to the very end
-            addLanguage([](std::string, void*) { called.open(); }, nullptr);
-            addActivated([](bool, void*) { std::exit(0); }, nullptr);
-            const auto deliver = [] {
-                for (;;) {
-                    mock::fire(kLanguage, mock::text("x"));
-                }
-            };
-            std::thread(deliver).detach();
-            std::thread(deliver).detach();
-            called.pass();
-            REQUIRE(!fromCallback || fireActivated() == 0);
-        });
-    }
 }
 
 }  // namespace

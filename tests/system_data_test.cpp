@@ -38,8 +38,8 @@ struct Trial {
     void operator()(StringGetter get) const
     {
         std::string value = big;
-        EXPECT_FALSE(reads([&] { return get(value); }, "vconf_get_str", mock::text("new"),
-                           line("getString", "vconf_get_str is failed"), true));
+        refuses([&] { return get(value); }, "vconf_get_str", mock::text("new"),
+                line("getString", "vconf_get_str is failed"));
         EXPECT_EQ(big, value);
         for (const std::string& given : texts) {
             const std::string stored(given, 0, given.find('\0'));
@@ -51,12 +51,9 @@ struct Trial {
     void operator()(IntGetter get) const
     {
         int value = 7;
-        for (const int refusal : {-1, 1}) {
-            mock::Locked()->refusal = refusal;
-            EXPECT_FALSE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                               line("getInt", "failed to get vconf key (" + key + ")"), true));
-            EXPECT_EQ(7, value);
-        }
+        refuses([&] { return get(value); }, "vconf_get_int", mock::integer(1),
+                line("getInt", "failed to get vconf key (" + key + ")"));
+        EXPECT_EQ(7, value);
         for (const int stored : {INT_MIN, 0, INT_MAX}) {
             EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(stored),
                               line("getInt", "Background volume is " + std::to_string(stored))));
@@ -69,11 +66,7 @@ struct Trial {
     }
     void operator()(BoolGetter get) const
     {
-        const std::string failed = line("getBool", "failed to get vconf key (" + key + ")");
-        for (const int refusal : {-1, 1}) {
-            mock::Locked()->refusal = refusal;
-            EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), failed, true));
-        }
+        refuses(get, "vconf_get_bool", mock::boolean(1), line("getBool", "failed to get vconf key (" + key + ")"));
         for (const int stored : {0, 1, 2, -1}) {
             const std::string seen = line("getBool", stored == 1 ? "true" : "false");
             EXPECT_EQ(stored == 1, reads(get, "vconf_get_bool", mock::boolean(stored), seen));
@@ -97,15 +90,21 @@ struct Trial {
     void operator()(BoolSetter set) const { writes(set, "setBool", "vconf_set_bool", {0, 1}); }
 
     bool reads(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
-               const std::string& message, bool refused = false) const
+               const std::string& message) const
     {
         mock::put(key, stored);
-        if (refused) {
-            mock::refuse(call);
-        }
         const bool result = get();
         mock::did({call + " " + key, message});
         return result;
+    }
+    void refuses(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
+                 const std::string& message) const
+    {
+        for (const int refusal : {-1, 1}) {
+            mock::Locked()->refusal = refusal;
+            mock::refuse(call);
+            EXPECT_FALSE(reads(get, call, stored, message));
+        }
     }
     template <class Set>
     void writes(Set set, const std::string& function, const std::string& call, const std::vector<int>& values) const

@@ -35,7 +35,6 @@ public:
     ~WatcherUse();
     WatcherUse(const WatcherUse&) = delete;
     WatcherUse& operator=(const WatcherUse&) = delete;
-
     VconfCallbackGenerator* watcher() const { return watcher_; }  // null when there is none
     static bool isOfRegistry(const VconfCallbackGenerator* watcher);
 
