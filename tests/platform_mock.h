@@ -44,8 +44,8 @@ inline Value boolean(int value) { return {VCONF_TYPE_BOOL, value}; }
 
 struct Subscription {
     std::string key;
-    vconf_callback_fn handler;
-    void* userData;
+    vconf_callback_fn handler = nullptr;
+    void* userData = nullptr;
 };
 
 struct State {
