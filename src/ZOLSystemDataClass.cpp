@@ -413,7 +413,6 @@ bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
         }
     }  // so that the text as it was read is gone before the ids are copied
     const std::size_t before = list.size();
-    list.reserve(before + reader.ids.size());
     try {
         for (const char* id : reader.ids) {
             list.emplace_back(id);

@@ -22,7 +22,7 @@ struct alignas(64) WatcherSlot {
     int users = 0;                              // operations and dispatches inside the watcher
     const char* releaseFor = nullptr;           // the unregister operation that wants the watcher released
     VconfCallbackGenerator* watcher = nullptr;  // in one of the places, which are used in turn
-    unsigned released = 0;                      // watchers so far
+    std::size_t nextPlace = 0;
     std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> places[2] = {};
 };
 
@@ -85,7 +85,7 @@ void* untyped(Callback callback)
     if (slot.watcher == nullptr) {
         const auto& [path, type] = kTopics[row];
         dlog_print(ZOL_LINE_OF(operation, "Create VconfCallbackGenerator : %s"), path);
-        slot.watcher = new (&slot.places[slot.released % 2]) VconfCallbackGenerator(type, path);
+        slot.watcher = new (&slot.places[slot.nextPlace]) VconfCallbackGenerator(type, path);
     }
     const WatcherUse use(slot, nullptr);
     guard.unlock();
@@ -136,7 +136,7 @@ WatcherUse::~WatcherUse()
         dlog_print(ZOL_LINE_OF(slot_->releaseFor, "Remove callbackGenerator"));
         slot_->watcher->~VconfCallbackGenerator();
         slot_->watcher = nullptr;
-        ++slot_->released;
+        slot_->nextPlace = 1 - slot_->nextPlace;
         pthread_setcancelstate(cancelState, nullptr);
     }
     slot_->releaseFor = nullptr;
