@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "ZOLTypedKeys.h"
 #include "capi-zol-tv.h"
 #include "child.h"
 #include "platform_mock.h"
@@ -29,9 +28,6 @@ constexpr char kOther[] = "another that is longer than a string holds in itself"
 constexpr char kApp[] = "an app whose name is longer than that";
 
 const std::string kLanguage = "db/multi-assistant/zol_language";
-const std::string kActivated = "db/multi-assistant/activated";
-const std::string kVolume = "db/menu/system/accessibility/voiceguide/tv_bg_volume";
-const std::string kVolatile = "memory/any";
 const std::string kList = "db/multi-assistant/alexa_language";
 const std::string kCountry = "db/comss/countrycode";  // is watched
 
@@ -47,7 +43,6 @@ std::string longList(const std::string& lastAppid)
 
 // Where the operations put what they read.
 std::string text;
-int number;
 std::vector<std::string> apps;
 
 int told[2];
@@ -85,14 +80,10 @@ const char* const kThrows = "bad_alloc";
 const char* const kNoNode = "Fail to malloc, poitner is NULL";
 const char* const kNoRoom = "Fail to grow nodeList";
 
-// The flat forms go through those of the classes.
+// The flat forms go through those of the classes. What is not here does not allocate.
 const Operation operations[] = {
     {"getString", [] { return ZOLSystemDataGetZOLLanguage(text); }, {kThrows}},
     {"setString", [] { return ZOLSystemDataSetZOLLanguage(kOther); }, {kThrows}},
-    {"getInt", [] { return ZOLSystemDataGetBackgroundVolume(number); }, {}},
-    {"setInt", [] { return setInt(kVolatile.c_str(), 4); }, {}},
-    {"getBool", ZOLSystemDataGetZOLActivated, {}},
-    {"setBool", [] { return ZOLSystemDataSetZOLActivated(false); }, {}},
     {"a new list", enable, {kThrows}, 0, "no list"},
     {"an entry changed", enable, {kThrows}},
     {"an entry added", enable, {kThrows}, 0, longList("another")},
@@ -107,15 +98,12 @@ const Operation operations[] = {
 void fill(const Operation& operation)
 {
     vconf_set_str(kLanguage.c_str(), kText);
-    vconf_set_bool(kActivated.c_str(), 1);
-    vconf_set_int(kVolume.c_str(), 3);
     vconf_set_str(kList.c_str(), operation.list.c_str());
 }
 
 void prepare(const Operation& operation)
 {
     text = kOther;
-    number = -1;
     apps = {"kept"};
     REQUIRE(operation.callbacks < 1 || add(on<0>));
     REQUIRE(operation.callbacks < 2 || add(on<1>));
@@ -123,10 +111,6 @@ void prepare(const Operation& operation)
 
 std::string state()
 {
-    int activated = 0, volume = 0, any = 0;
-    vconf_get_bool(kActivated.c_str(), &activated);
-    vconf_get_int(kVolume.c_str(), &volume);
-    any = vconf_get_int(kVolatile.c_str(), &any) == 0 ? any : 0;
     change();
     std::ostringstream all;
     for (const std::string& key : {kLanguage, kList}) {
@@ -135,7 +119,7 @@ std::string state()
         std::free(stored);
     }
     std::copy(apps.begin(), apps.end(), std::ostream_iterator<std::string>(all, ","));
-    all << text << "," << number << "," << activated << "," << volume << "," << any << "," << told[0] << "," << told[1];
+    all << text << "," << told[0] << "," << told[1];
     return all.str();
 }
 
@@ -144,7 +128,6 @@ void undo()
     add(on<0>);  // so that a watcher that has no callback and is still subscribed goes too
     remove(on<1>);
     REQUIRE(remove(on<0>));
-    vconf_set_int(kVolatile.c_str(), 0);
 }
 
 // Runs the operation with the n-th allocation failing, and returns kStarved, or 0 when there was none to fail.

@@ -115,32 +115,32 @@ void step(int expected, int result, const Events& events, int line = __builtin_L
     mock::did(events, line);
 }
 
-template <class Value>
 struct Kind {
     int type = 0;
     std::vector<std::pair<mock::Value, std::string>> values;  // and what the callbacks are told
 };
 
-template <class Value, class Callback = void (*)(Value, void*)>
-void watchTopic(const Kind<Value>& kind, const std::string& name, const std::string& key, int (*add)(Callback, void*),
-                int (*remove)(Callback))
+template <class Value>
+void watchTopic(const Kind& kind, const std::string& name, const std::string& key,
+                int (*add)(void (*)(Value, void*), void*), int (*remove)(void (*)(Value, void*)))
 {
     SCOPED_TRACE(name);
-    const Callback first = on<Value, 1>, second = on<Value, 2>, third = on<Value, 3>;
+    const auto first = on<Value, 1>, second = on<Value, 2>, third = on<Value, 3>;
+    const auto& [type, values] = kind;
     step(0, remove(first), {});
-    step(1, add(first, one), created(name, key, kind.type, {"vconf_notify_key_changed " + key, kSuccess}));
+    step(1, add(first, one), created(name, key, type, {"vconf_notify_key_changed " + key, kSuccess}));
     step(1, add(first, two), {added("failed to register callback, it is already existed")});
     step(1, add(second, two), {kSuccess});
     step(1, add(third, three), {kSuccess});
-    for (const auto& [value, text] : kind.values) {
+    for (const auto& [value, text] : values) {
         step(1, mock::fire(key, value),
              {invoked(key), calling(untyped(first)), text + " one", calling(untyped(second)), text + " two",
               calling(untyped(third)), text + " three"});
     }
     step(1, remove(first), {kRemoving});
     step(0, remove(first), {kRemoving, removed("Can't find registered callback")});
-    mock::fire(key, kind.values[0].first);
-    EXPECT_EQ(Events({kind.values[0].second + " two", kind.values[0].second + " three"}), told());
+    mock::fire(key, values[0].first);
+    EXPECT_EQ(Events({values[0].second + " two", values[0].second + " three"}), told());
     step(1, remove(third), {kRemoving});
     step(1, remove(second),
          released(name, {kRemoving, removed("nodeList is empty, call "), "vconf_ignore_key_changed " + key}));
@@ -148,9 +148,9 @@ void watchTopic(const Kind<Value>& kind, const std::string& name, const std::str
 
 TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
 {
-    const Kind<std::string> text = {2, {{mock::text("[]"), "[]"}, {mock::text(""), ""}}};
-    const Kind<int> number = {1, {{mock::integer(-5), "-5"}}};
-    const Kind<bool> toggle = {0, {{boolean(1), "true"}, {boolean(0), "false"}, {boolean(2), "false"}}};
+    const Kind text = {2, {{mock::text("[]"), "[]"}, {mock::text(""), ""}}};
+    const Kind number = {1, {{mock::integer(-5), "-5"}}};
+    const Kind toggle = {0, {{boolean(1), "true"}, {boolean(0), "false"}, {boolean(2), "false"}}};
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one topic.
 #define TOPIC(kind, name, key)                                                  \
     watchTopic(kind, #name, key, ZOLSystemDataNotify::Register##name##Callback, \
