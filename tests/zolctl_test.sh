@@ -86,7 +86,6 @@ check "concurrent list" 0 '["app.y"]' "" concurrent list --json
 
 # ---- refusals ----
 "$zolctl" dump >"$work/before"
-range="from -2147483648 to 2147483647"
 while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $arguments; done <<'END'
 |zolctl --help
 concurrent on app.x|unknown command on; zolctl concurrent --help
@@ -96,20 +95,19 @@ get Xyz|zolctl list shows
 set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE
 set ZOLActivated maybe|takes on, off
 watch TVName|these can: 
+inject BackgroundVolume 2147483648|from -2147483648 to 2147483647
+inject BackgroundVolume 1.5|from -2147483648 to 2147483647
 load none.json|No such file
 END
 check "empty text" 2 "" "refuses empty values" set OSDLanguage ""
 check "no app" 2 "" "no app id" concurrent enable app.z ""
-for number in 2147483648 1.5 " 1" ""; do
-    check "number '$number'" 2 "" "$range" inject BackgroundVolume -- "$number"
-done
 while IFS='|' read -r text err; do
     printf "%b" "$text" >"$work/file.json"
     check "load ${text:0:60}" 2 "" "$err" load "$work/file.json"
 done <<END
 {"TVName":"x","TvName":"x"}|file.json: unknown setting TvName; did you mean TVName?
 {"TVName":"x","OSDCountry":1}|OSDCountry must be a string
-{"TVName":"x","BackgroundVolume":1.0}|$range
+{"TVName":"x","BackgroundVolume":1.0}|from -2147483648 to
 {"TVName":"x","TVName":"x"}|TVName stands there twice
 {"TVName":"x\\\\u0000y"}|NUL character
 {"TVName":"x\\0377"}|not JSON
@@ -144,17 +142,14 @@ check "not UTF-8" 1 "{}" "TVName is not UTF-8" get TVName --json
 start_watch "$(names '$3 ~ /watch/' | wc -l)" --json >"$work/out"
 for name in $(names '$3 ~ /watch/'); do "$zolctl" inject "$name" 1; done
 end_watch "watch all"
-time='^\{"time":"[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\.[0-9]{3}",'
-same "watch all" "$(sed -E "s/$time//" "$work/out")" "$(awk '$3 ~ /watch/ {
-    value["string"] = "\"1\""; value["integer"] = 1; value["boolean"] = "true"
-    print "\"name\":\"" $1 "\",\"value\":" value[$2] "}" }' "$work/list")"
-for signal in INT TERM; do
-    ZOL_DLOG=$work/log.$signal start_watch 99 >"$work/out"
-    "$zolctl" inject WebAppInstall $'a\nb'
-    until_true "watch and $signal" grep -qE '^[0-9:.]{12}  WebAppInstall  a\\x0ab$' "$work/out"
-    end_watch "watch and $signal" "$signal"
-    same "callbacks unregistered at $signal" "$(grep -c 'Remove callbackGenerator' "$work/log.$signal")" "$(names '$3 ~ /watch/' | wc -l)"
-done
+same "watch all" "$(cut -d'"' -f8 "$work/out")" "$(names '$3 ~ /watch/')"
+json='\{"time":"[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}","name":"[A-Za-z]+","value":("1"|1|true)\}'
+same "watch all: other lines" "$(grep -vxE "$json" "$work/out")" ""
+ZOL_DLOG=$work/log start_watch 99 >"$work/out"
+"$zolctl" inject WebAppInstall $'a\nb'
+until_true "watch" grep -qE '^[0-9:.]{12}  WebAppInstall  a\\x0ab$' "$work/out"
+end_watch "watch and INT" INT
+same "callbacks unregistered" "$(grep -c 'Remove callbackGenerator' "$work/log")" "$(names '$3 ~ /watch/' | wc -l)"
 "$zolctl" inject ZOLConcurrentAppList '[{"appid":"a","concurrent":"on"}]'
 start_watch 4 ZOLConcurrentAppList --diff >"$work/out"
 "$zolctl" concurrent enable b
@@ -206,9 +201,7 @@ int vconf_get_bool(const char* key, int* value) {
     if (fault == "write") vconf_set_str(kText, "mine");
     static const char* const stored = vconf_get_str(kText);
     if (fault == "show") std::puts(stored);
-    const int result = NEXT(vconf_get_bool)(key, value);
-    if (fault == "two" && result == 0) *value *= 2;
-    return fault == "reads" ? 0 : result;
+    return fault == "reads" ? 0 : NEXT(vconf_get_bool)(key, value);
 }
 END
 with_fault() {
@@ -221,7 +214,6 @@ while IFS='|' read -r fault fails; do
     same "selftest and $fault: exit code" $? 1
     same "selftest and $fault" "$(grep -m 1 ^FAIL <<<"$out")" "FAIL $fails)"
 done <<'END'
-two|a boolean is read as it was written (vconf_get_bool: expected 1, came 2
 reads|no boolean is read where there is no value (vconf_get_bool: expected no value, came 0
 lost|a handler is called once for each change of a string, in order (calls of the handler: expected first, second, second, "Grüße" 100%s\x0a, came first, second, "Grüße" 100%s\x0a
 ignored|no call comes for an ended subscription, and all for another of its key (calls of the handler: expected 1, came 1, 2
