@@ -54,7 +54,4 @@ run_examples by_pkg_config
 grep -q "capi-zol-tv_DIR:PATH=$libdir" by_cmake/CMakeCache.txt || fail "CMake found another package"
 run_examples by_cmake
 zolctl selftest >log || fail "$(<log)"
-for file in man/man1/zolctl.1.gz bash-completion/completions/zolctl; do
-    [ -s "usr/share/$file" ] || fail "$file is not installed"
-done
 echo "The packages install, and the examples build and run over them."

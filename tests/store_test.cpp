@@ -6,8 +6,6 @@
 #include <lmdb.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <vconf.h>
@@ -22,7 +20,6 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -178,7 +175,6 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
          mount + "99k; mkdir -m 700 store/persistent; cp -p sound/*/[ds]* store/*; yes >store/x; true"},
         {"removed or emptied", copy + "rm data.mdb"},
         {"afresh", copy + "head -c 8192 /dev/zero | dd of=data.mdb conv=notrunc"},
-        {"VERSION_MISMATCH", copy + "printf c | dd of=data.mdb bs=1 seek=20 conv=notrunc"},
         {"cut short", copy + "truncate -s -1 data.mdb"},
         {"", copy},  // with the lock file of a process that was killed
         {"", "ln -s sound store"},
@@ -254,45 +250,30 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
 
 TEST_F(StoreTest, LogLinesStayWholeAndCannotSteerATerminal)
 {
-    for (const size_t size : {20000, 1000}) {  // to a file, and to a pipe, where longer lines may mix
-        ASSERT_TRUE(size > PIPE_BUF || mkfifo((root / "log").c_str(), 0600) == 0);
-        const int reader = open((root / "log").c_str(), O_RDWR | O_CREAT | O_NONBLOCK, 0600);
-        std::map<std::string, int> found;  // how often each line came, without the ids
-        const auto write = [&](char letter) {
-            for (int i = 0; i < 20; ++i) {
-                dlog_print(DLOG_ERROR, "tag", "%s%s\n", std::string(size, letter).c_str(),
-                           "\x1b[\nf \x9b\xc2\x9b\xc4\x9b");
-            }
-        };
-        inChild([&] {
-            const pid_t other = start([&] { write('a'); });
-            write('b');
-            REQUIRE(finish(other) == 0);
-        });
-        std::string log(size_t{2} << 20, '\0');
-        log.resize(static_cast<size_t>(read(reader, &log[0], log.size())));
-        close(reader);
-        fs::remove(root / "log");
-        std::istringstream lines(log);
-        for (std::string line; std::getline(lines, line);) {
-            ++found[line.erase(7, line.find(')') - 7)];
+    const auto write = [](char letter) {
+        for (int i = 0; i < 20; ++i) {
+            dlog_print(DLOG_ERROR, "tag", "%s%s\n", std::string(20000, letter).c_str(),
+                       "\x1b[\nf \x9b\xc2\x9b\xc4\x9b");
         }
-        for (const char letter : {'a', 'b'}) {
-            EXPECT_EQ(20, found["E/tag () " + std::string(size, letter) + "\\x1b[\\x0af \\x9b\\x9b\xc4\x9b"]);
-        }
+    };
+    inChild([&] {
+        const pid_t other = start([&] { write('a'); });
+        write('b');
+        REQUIRE(finish(other) == 0);
+    });
+    std::map<std::string, int> found;  // how often each line came, without the ids
+    std::ifstream log("log");
+    for (std::string line; std::getline(log, line);) {
+        ++found[line.erase(7, line.find(')') - 7)];
+    }
+    for (const char letter : {'a', 'b'}) {
+        EXPECT_EQ(20, found["E/tag () " + std::string(20000, letter) + "\\x1b[\\x0af \\x9b\\x9b\xc4\x9b"]);
     }
 }
 
-TEST_F(StoreTest, AFullDiskOrStoreLeavesTheOldValueAndNextWritesWork)
+TEST_F(StoreTest, AFullStoreTakesWritesThatMakeNothingLarger)
 {
     const std::string large(size_t{4} << 20, 'v');
-    inChild([&] {
-        REQUIRE(put("db/a", "old") && signal(SIGXFSZ, SIG_IGN) != SIG_ERR);
-        const rlimit small{1 << 20, RLIM_INFINITY};
-        REQUIRE(setrlimit(RLIMIT_FSIZE, &small) == 0 && !put("db/a", large) && text("db/a") == "old");
-        REQUIRE(put("db/a", "small") && text("db/a") == "small");
-    });
-    expectLog("disk may be full", 1);
     inChild([&] {
         mapSize = size_t{64} << 20;
         int count = 0;
@@ -347,8 +328,7 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     };
     const Gate ready;
     const pid_t watcher = start([&] {
-        alarm(0);
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        alarm(60 + static_cast<unsigned>(kills));
         for (Half* half : {&halves[0], &halves[1]}) {
             REQUIRE(watch(half->key, note, half) && put(half->key, whole(0)));
         }
@@ -431,7 +411,6 @@ struct Told {
     {
         auto* self = static_cast<Told*>(told);
         const std::lock_guard<std::mutex> guard(self->lock);
-        REQUIRE((node->type == VCONF_TYPE_STRING) == (node->value.s != nullptr));
         self->lines.push_back(std::string(node->keyname) + "=" +
                               (node->value.s != nullptr ? node->value.s : std::to_string(node->value.i)));
         self->count = self->lines.size();
@@ -488,26 +467,24 @@ TEST_F(StoreTest, AProcessFarBehindIsToldTheNewestValueOfEachChangedKeyOnce)
 
 TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 {
-    for (const std::string key : {"db/a", "memory/a"}) {
-        for (const Fault next : {Fault::DieBeforeTelling, Fault::CannotTell}) {
-            const Gate ready, done;
-            const pid_t writer = start([&] {
-                ready.pass();
-                REQUIRE(put(key, 0));
-                start([&] { done.pass(); });  // a child that outlives the writer must not hide its end
-                fault = next;
-                put(key, 1);
-                done.pass();
-            });
-            inChild([&] {
-                Told told;
-                REQUIRE(told.of(key));
-                ready.open();
-                REQUIRE((told.take(2) == Lines{key + "=0", key + "=1"}));
-            });
-            done.open(), done.open();
-            EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
-        }
+    for (const Fault next : {Fault::DieBeforeTelling, Fault::CannotTell}) {
+        const Gate ready, done;
+        const pid_t writer = start([&] {
+            ready.pass();
+            REQUIRE(put("db/a", 0));
+            start([&] { done.pass(); });  // a child that outlives the writer must not hide its end
+            fault = next;
+            put("db/a", 1);
+            done.pass();
+        });
+        inChild([&] {
+            Told told;
+            REQUIRE(told.of("db/a"));
+            ready.open();
+            REQUIRE((told.take(2) == Lines{"db/a=0", "db/a=1"}));
+        });
+        done.open(), done.open();
+        EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
     }
 }
 

@@ -56,7 +56,6 @@ while IFS='|' read -r words expected; do
 done <<END
 -v_set_ZOLM|ZOLMultipleMode
 set_ZOLActivated_|on off
-inject_TVName_|
 inject_ModelI|ModelId
 watch_--json_--count_3_ZOLA|ZOLActivated
 watch_ZOLActivated_ZOLA|
