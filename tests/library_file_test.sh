@@ -8,12 +8,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 failed=0
 
-same() {
-    if ! diff <(sort <<<"$2") <(sort <<<"$3"); then
-        echo "FAILED: $1 (< expected, > found)"
-        failed=1
-    fi
-}
+same() { diff <(sort <<<"$2") <(sort <<<"$3") || { echo "FAILED: $1 (< expected, > found)" && failed=1; }; }
 
 cmake --install "$1" --prefix "$scratch" >/dev/null
 library=$(find "$scratch" -name 'libcapi-zol-tv.so.*.*')

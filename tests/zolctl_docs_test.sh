@@ -59,7 +59,6 @@ set_ZOLActivated_|on off
 inject_ModelI|ModelId
 watch_--json_--count_3_ZOLA|ZOLActivated
 watch_ZOLActivated_ZOLA|
-watch_--count_|
 concurrent_disable_app|app.b app\\ \\\$\\(touch\\ x\\)
 load_$work/st|$work/store
 END
