@@ -20,12 +20,13 @@
         }                                                                                \
     } while (false)
 
-// Runs the body in a child, which then ends as a program does.
+// Runs the body in a child, which then ends as a program does. One that hangs is killed after a while.
 inline pid_t start(const std::function<void()>& body)
 {
     std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
+        alarm(60);
         body();
         std::exit(0);
     }
@@ -40,14 +41,7 @@ inline int finish(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// A child that hangs is killed after a while, and fails.
-inline void inChild(const std::function<void()>& body)
-{
-    EXPECT_EQ(0, finish(start([&] {
-                  alarm(60);
-                  body();
-              })));
-}
+inline void inChild(const std::function<void()>& body) { EXPECT_EQ(0, finish(start(body))); }
 
 // Lets processes or threads wait for each other: one token a byte.
 class Gate {

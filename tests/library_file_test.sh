@@ -8,12 +8,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 failed=0
 
-same() {
-    if ! diff <(sort <<<"$2") <(sort <<<"$3"); then
-        echo "FAILED: $1 (< expected, > found)"
-        failed=1
-    fi
-}
+same() { diff <(sort <<<"$2") <(sort <<<"$3") || { echo "FAILED: $1 (< expected, > found)" && failed=1; }; }
 
 cmake --install "$1" --prefix "$scratch" >/dev/null
 library=$(find "$scratch" -name 'libcapi-zol-tv.so.*.*')
@@ -27,11 +22,6 @@ same "symbols needed from the platform" "$platform" \
 
 same "routines that run when the library is loaded" 0 "$(nm "$library" | grep -c _GLOBAL__sub_I || true)"
 same "soname" "libcapi-zol-tv.so.1" "$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
-for name in libcapi-zol-tv.so libcapi-zol-tv.so.1; do
-    link=$(dirname "$library")/$name
-    same "file behind the link $name" "link to $library" "$([ -L "$link" ] && echo "link to $(readlink -f "$link")")"
-done
-
 while read -r file; do
     found=$(readelf -hldW "$file" 2>/dev/null && nm -D --undefined-only "$file") || continue # a text
     while read -r count pattern; do

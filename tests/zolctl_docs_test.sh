@@ -49,22 +49,16 @@ done | sort)
 same "the manual page" "$(grep -vE '^.+:(-h|--help)$' <<<"$help")" "$in_page"
 same "the completion" "$help" "$(grep -vE '^.+:(-v|--verbose)$' <<<"$in_completion")"
 
-names() { "$zolctl" list | awk "NR > 1 && /$1/ { print \$1 }" | sort | xargs; }
 "$zolctl" concurrent enable app.b 'app $(touch x)' other
 while IFS='|' read -r words expected; do
     IFS=_ read -ra typed <<<"${words}_"
     same "completion of $words" "$expected" "$(offered "${typed[@]}")"
 done <<END
--v_get_|$(names .)
-set_|$(names write)
-set_ZOLM|ZOLMultipleMode
+-v_set_ZOLM|ZOLMultipleMode
 set_ZOLActivated_|on off
-inject_TVName_|
-inject_|$(names .)
+inject_ModelI|ModelId
 watch_--json_--count_3_ZOLA|ZOLActivated
 watch_ZOLActivated_ZOLA|
-watch_--count_|
-watch_|$(names watch)
 concurrent_disable_app|app.b app\\ \\\$\\(touch\\ x\\)
 load_$work/st|$work/store
 END
