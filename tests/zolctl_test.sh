@@ -76,7 +76,7 @@ done
 for name in $(names '$3 ~ /write/'); do check "set $name" 0 "" "" set "$name" on; done
 check "lowest" 0 "" "" inject BackgroundVolume -2147483648
 "$zolctl" load "$example" || fail "load of the example"
-same "dump gives what was loaded" "$("$zolctl" dump)" "$(<"$example")"
+same "dump gives what was loaded" "$(export ZOL_VCONF_DIR=$work/other && "$zolctl" load "$example" && "$zolctl" dump)" "$(<"$example")"
 check "get --json" 0 $'{\n    "AmbientMode": true\n}' "" get AmbientMode --json
 "$zolctl" concurrent enable app.x app.y
 "$zolctl" concurrent disable org.example.alpha app.x
