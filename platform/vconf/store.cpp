@@ -17,7 +17,7 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
-constexpr size_t kHeadroom = size_t{16} << 20;  // for the writes that a full store takes: their pages and journal
+constexpr size_t kHeadroom = size_t{16} << 20;  // beyond that, for the writes that a full store takes
 constexpr size_t kSmall = 512;                  // bytes of such a write
 constexpr size_t kJournalSlack = 256;
 constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
@@ -133,6 +133,7 @@ void Store::open()
 // The signal file comes last when a store is made, after all else is on the disk.
 void Store::openFiles(int folder)
 {
+    const std::string data = folder_ + "/data.mdb";
     prepareFiles(folder_, kNewDataSize, kLockSize);
     const bool isNew = access((folder_ + "/signal").c_str(), F_OK) != 0;
     if (!isNew) {
@@ -141,11 +142,13 @@ void Store::openFiles(int folder)
     try {
         openEnvironment();
     } catch (const Damage&) {
-        if (!isNew) {
+        struct stat status {};
+        if (!isNew || stat(data.c_str(), &status) != 0 || status.st_size > kNewDataSize) {
             throw;
         }
         close();  // the machine failed while the store was made, and nobody has written to it yet
-        (void)std::rename((folder_ + "/data.mdb").c_str(), (folder_ + "/data.mdb.unusable").c_str());
+        logLine("store", ("making " + data + " anew; what it was is kept as data.mdb.unusable").c_str());
+        (void)std::rename(data.c_str(), (data + ".unusable").c_str());
         openEnvironment();
     }
     if (isNew) {
@@ -159,12 +162,12 @@ void Store::openEnvironment()
 {
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
-    checked("set up", mdb_env_set_mapsize(env_, kMapSize));
+    checked("set up", mdb_env_set_mapsize(env_, kMapSize + kHeadroom));
     checked("set up", mdb_env_set_maxreaders(env_, kMaxReaders));
     // A persistent write is flushed in two steps, see write().
     const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
-    checkDataFile();
+    checkDataFile(0);
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
 }
@@ -231,8 +234,10 @@ void Store::closeSignal()
     signal_ = -1;
 }
 
-// A file that has been cut short would be a bus error when a lost page is read, and a hole after the next write.
-void Store::checkDataFile() const
+// A file that was cut short would be a bus error when a lost page is read. A page at the end that a write takes and
+// gives back is never written, so the file is first made longer than a write can make it: by the value twice, by the
+// list of free pages (8 bytes each) twice, and by copies of the tables' pages.
+void Store::checkDataFile(size_t toWrite) const
 {
     MDB_envinfo info{};
     MDB_stat stat{};
@@ -244,8 +249,14 @@ void Store::checkDataFile() const
     if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
         throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
-    if (status.st_size < static_cast<off_t>((info.me_last_pgno + 1) * stat.ms_psize)) {
+    const size_t used = (info.me_last_pgno + 1) * stat.ms_psize;
+    if (static_cast<size_t>(status.st_size) < used) {
         throw Damage("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
+    }
+    constexpr size_t kCopies = size_t{1} << 20;
+    const size_t needed = used + 2 * toWrite + used / 256 + kCopies;
+    if (toWrite > 0 && static_cast<size_t>(status.st_size) < needed) {
+        checked("write to", ftruncate(fd, static_cast<off_t>(needed + kCopies)) == 0 ? 0 : errno);
     }
 }
 
@@ -359,7 +370,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
 {
     Use open = use();
     WriteTransaction txn(begin(open, 0));
-    checkDataFile();
+    checkDataFile(sizeof(ValueHeader) + data.size());
 
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);

@@ -4,9 +4,6 @@
 //   values   key                        -> sequence number (8), unused (8), type (1), data
 //   journal  sequence number (8)        -> unused (8), type (1), length of the key (2), key, data
 // Every write changes both in one transaction. Sequence numbers rise by one a write and are never used again.
-//
-// What cannot be told of damage: bytes that something else changed inside the pages, and a file that is cut short while
-// a process has it mapped, which is a bus error where that process next reads a lost page.
 #ifndef VCONF_STORE_H
 #define VCONF_STORE_H
 
@@ -81,7 +78,7 @@ private:
     void openTables();
     void openSignal(int flags);
     void close();
-    void checkDataFile() const;
+    void checkDataFile(size_t toWrite) const;
     bool journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Record& record) const;
     MDB_stat statOf(MDB_txn* txn, MDB_dbi table) const;
     void trimJournal(MDB_txn* txn) const;
