@@ -155,9 +155,11 @@ void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
             continue;
         }
         // Somebody else may have put it there, or have it open, since before the folder was closed to others.
-        if (status.st_mode != (S_IFREG | S_IRUSR | S_IWUSR) || status.st_uid != geteuid() || status.st_nlink != 1) {
+        const bool mine = S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
+        if (!mine || (status.st_mode & ALLPERMS) != (S_IRUSR | S_IWUSR)) {
             fail("refused ", file,
-                 "it must be a regular file of your own with mode 600 and one name; remove the folder to start afresh");
+                 mine ? "its mode is not 600; run chmod 600 on it, if nobody else can have changed it"
+                      : "it must be a regular file of your own with one name; remove the folder to start afresh");
         }
     }
     // The signal file comes last when a store is made, and every write comes after it.

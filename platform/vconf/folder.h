@@ -18,8 +18,7 @@ enum class Lifetime { Persistent, Volatile };
 std::string findFolder(Lifetime lifetime);
 
 /// Checks the files in the folder before LMDB touches them, and takes the space on the disk for the first bytes of
-/// two: LMDB writes to the lock file through a mapping, where a full disk would be a bus error, and a new data file
-/// that gets only half of its head would be refused ever after.
+/// two: LMDB writes to the lock file through a mapping, where a full disk would be a bus error.
 /// @throws std::runtime_error with a message for the log when one cannot be used.
 void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize);
 
