@@ -97,18 +97,23 @@ const char* nameOf(int type)
     return type >= 0 && type < 3 ? kNames.at(static_cast<size_t>(type)) : "something unknown";
 }
 
-// Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result.
+// Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result. No
+// thread is cancelled meanwhile, as LMDB would be left half-way.
 template <class Body, class Result>
 Result guarded(const char* function, Result failed, Body body)
 {
+    Result result = failed;
+    int cancellation = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancellation);
     try {
-        return body();
+        result = body();
     } catch (const std::bad_alloc&) {
         logLine(function, "out of memory");
     } catch (const std::exception& error) {
         logLine(function, error.what());
     }
-    return failed;
+    pthread_setcancelstate(cancellation, nullptr);
+    return result;
 }
 
 bool find(const ReadTransaction& transaction, std::string_view key, int type, Record& record)
