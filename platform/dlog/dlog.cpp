@@ -53,10 +53,11 @@ bool writeAll(int fd, bool regular, const char* data, size_t size, Clock::time_p
     while (size > 0) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         pollfd ready{fd, POLLOUT, 0};
-        if (!regular && poll(&ready, 1, static_cast<int>(std::max<decltype(left)>(left, 0))) == 0) {
+        const int found = regular ? 1 : poll(&ready, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
+        if (found == 0 || (found < 0 && errno != EINTR)) {
             return false;
         }
-        const ssize_t written = write(fd, data, regular ? size : std::min<size_t>(size, PIPE_BUF));
+        const ssize_t written = found < 0 ? 0 : write(fd, data, regular ? size : std::min<size_t>(size, PIPE_BUF));
         if (written < 0 && ((errno != EINTR && errno != EAGAIN) || left < 0)) {
             return false;
         }

@@ -9,14 +9,7 @@ extern "C" {
 #endif
 
 /// How much a line matters. The library writes every line with DLOG_ERROR, whose value must be 6.
-typedef enum {
-    DLOG_VERBOSE = 2,
-    DLOG_DEBUG = 3,
-    DLOG_INFO = 4,
-    DLOG_WARN = 5,
-    DLOG_ERROR = 6,
-    DLOG_FATAL = 7
-} log_priority;
+typedef enum { DLOG_VERBOSE = 2, DLOG_DEBUG, DLOG_INFO, DLOG_WARN, DLOG_ERROR = 6, DLOG_FATAL } log_priority;
 
 /// Writes one line to the log.
 /// @param priority  How much it matters.
