@@ -278,7 +278,8 @@ public:
     Output()
     {
         struct stat status {};
-        if (fstat(STDOUT_FILENO, &status) == 0 && !S_ISREG(status.st_mode)) {
+        const bool writable = (fcntl(STDOUT_FILENO, F_GETFL) & O_ACCMODE) != O_RDONLY;  // opened again it would be
+        if (writable && fstat(STDOUT_FILENO, &status) == 0 && !S_ISREG(status.st_mode)) {
             const int own = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
             fd_ = own < 0 ? fd_ : own;
         }
@@ -407,8 +408,6 @@ int watch(const WatchOptions& options)
         deadline =
             Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options.timeout));
     }
-    const int signals = openSignals();
-
     Apps apps;
     if (options.diff) {
         // Before the first change is waited for: what happens in between is then part of the first difference.
@@ -423,6 +422,7 @@ int watch(const WatchOptions& options)
         subscriptions.emplace_back(queue, *setting);
     }
     (void)std::fprintf(stderr, "watching %zu setting%s\n", settings.size(), settings.size() == 1 ? "" : "s");
+    const int signals = openSignals();  // not before: the line above may wait, and then a signal is to end the program
 
     std::size_t seen = 0;
     const auto complete = [&] { return options.count != 0 && seen == options.count; };
