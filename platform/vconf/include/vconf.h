@@ -13,8 +13,7 @@
 /// that fails for any reason but a missing key writes one line to the log that says what is wrong. Keys that begin with
 /// "memory/" last until the machine restarts, all others are on disk when the call that writes them returns. Others see
 /// a write a little earlier, so they may have acted on one that a power loss takes back or that fails at the very last,
-/// because the disk reports an error. After fork() the child may use every function; it has no subscriptions of its own
-/// yet.
+/// because the disk reports an error. After fork() the child may use every function, and has no subscriptions yet.
 #ifndef VCONF_H
 #define VCONF_H
 
