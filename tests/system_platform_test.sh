@@ -17,7 +17,7 @@ if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS
     exit 1
 fi
 
-if ! nm -D "$scratch/build/lib/libcapi-zol-tv.so" | grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$'; then
+if ! grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$scratch/build/lib/libcapi-zol-tv.so")"; then
     echo "FAILED: the library does not export VconfCallbackMethod for the prefix's record"
     exit 1
 fi
