@@ -23,44 +23,44 @@
 
 #include "ZOLSystemDataNotify.h"
 
-/// A watch of one topic. Each topic has a function here that makes one, called by the topic's name:
+/// A watch of one topic, made by the function of the topic's name:
 /// @code
 /// ZOLWatch language = ZOLWatch::ZOLLanguage([&](const std::string& value) { show(value); });
 /// if (!language) ...  // it could not be made; the log tells why
 /// @endcode
 ///
-/// The callable takes the new value: a `const std::string&`, an `int` or a `bool`. It may have state, and need not be
-/// copyable. It is called once for every write of the key that comes after the watch was made, on the thread on which
-/// vconf delivers changes. There may be any number of watches; those of a topic are called one after another, first
-/// made first. What a callable throws goes on to the library, which logs it, after the others were called.
+/// The callable takes the new value: a `const std::string&`, an `int` or a `bool`. It is called once for every write of
+/// the key after the watch was made, on the thread on which vconf delivers changes. A topic may have any number of
+/// watches; they are called one after another, first made first. What a callable throws goes on to the library, which
+/// logs it, once the others were called.
 ///
-/// A watch that could not be made is false: vconf refused, memory for the registration ran out, or the callable is a
-/// null pointer or an empty std::function. The next one of the topic tries anew. The memory of the watch itself may
-/// throw std::bad_alloc; what copying or moving the callable throws comes through.
+/// A watch is false when it could not be made: vconf refused, the library had no memory, or the callable is a null
+/// pointer or an empty std::function. The next watch of the topic tries anew. std::bad_alloc is thrown where the watch
+/// itself finds no memory, and what moving the callable throws comes through.
 ///
-/// The watch ends with the object, or at end(). After that the callable does not run, will not run again, and is
-/// destroyed. Ended from within its own callable, a watch returns at once; the callable is not called again, and is
-/// destroyed when it returns.
+/// The watch ends with the object, or at end(). From then on the callable does not run and will not run again, and it
+/// is destroyed. A watch that is ended within its own callable returns at once; the callable is not called again, and
+/// is destroyed when it returns.
 ///
-/// A callable may make and end watches of every topic, its own too. A watch that is made while its topic's callables
-/// run is told from the next event on.
+/// A callable may make and end watches of every topic, its own too. A watch made while callables of its topic run is
+/// told from the next event on.
 ///
-/// Who waits, and must not be waited for:
-/// - The end of a watch waits for its callable, where that runs on another thread. The end of a topic's last watch
-/// waits
-///   for all callables of the topic, except within one of them. So a callable must not wait for a thread that ends the
-///   watch, for example for a lock that the thread holds.
-/// - Where vconf delivers on several threads, callables of two topics must not end the watches of each other, nor make
-///   the first ones.
-/// - Plain callbacks of a topic must not make or end watches of it. Programs and shared objects have watches of their
-///   own, so a callable must not have another shared object do so either.
+/// What waits:
+/// - The end of a watch waits for its callable if that runs on another thread. The end of a topic's last watch waits
+/// for
+///   all callables of the topic, unless it is called in one of them. So a callable must not wait for a thread that ends
+///   its watch, for example by taking a lock that the thread holds.
+/// - Where vconf delivers on several threads, callables of two topics must not end each other's watches, nor make the
+///   first watch of each other's topic.
+/// - Plain callbacks must not make or end watches of their topic. Every program and shared object has watches of its
+///   own, so a callable must not make or end watches of its topic by way of another shared object either.
 ///
-/// When the last watch of a topic ends, the topic is unsubscribed; when it ends within a callable of the topic, only
-/// after the next watch of the topic was made and ended elsewhere. So a plugin that is to be unloaded ends its watches
-/// outside their callables.
+/// The end of a topic's last watch unsubscribes the topic. If it comes within a callable of the topic, that is left to
+/// the next end of a watch outside. So a plugin that is to be unloaded ends its watches outside their callables.
 ///
-/// Threads: any thread may make, move and end watches, but no two threads the same object at once. A callable may be
-/// called before the object that is being made can be used. A child of fork() is told nothing.
+/// Threads: any thread may make, move and end watches, but no two threads one object at the same time. A callable may
+/// run before the object that it belongs to has been assigned. A child of fork() is told nothing and must leave watches
+/// alone.
 class ZOLWatch {
 public:
     /// Not a watch: false.
@@ -89,8 +89,6 @@ public:
     /// @return whether this is a watch that was made and has not been ended.
     explicit operator bool() const noexcept { return topic_ != nullptr; }
 
-/// Makes a watch of the topic; ZOLSystemDataNotify tells what the topics are.
-/// @param callable  Takes the new value. It is moved into the watch.
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the operations of a topic are named after it
 #define ZOL_WATCH_TOPIC(name, Value)                                                       \
     template <class Callable>                                                              \
@@ -99,6 +97,9 @@ public:
         return make<Value, ZOLSystemDataNotify::Register##name##Callback,                  \
                     ZOLSystemDataNotify::Unregister##name##Callback>(std::move(callable)); \
     }
+    /// Makes a watch of the topic that ZOLSystemDataNotify has under this name.
+    /// @param callable  Takes the new value, of the topic's type, and may return anything. It is moved into the watch.
+    /// @{
     ZOL_WATCH_TOPIC(ZOLConcurrentAppList, std::string)
     ZOL_WATCH_TOPIC(DravixResetCount, int)
     ZOL_WATCH_TOPIC(ServiceResetCount, int)
@@ -112,21 +113,22 @@ public:
     ZOL_WATCH_TOPIC(ZOLDefaultAssistantAppid, std::string)
     ZOL_WATCH_TOPIC(ZOLActivated, bool)
     ZOL_WATCH_TOPIC(ZOLMultipleMode, bool)
+    /// @}
 #undef ZOL_WATCH_TOPIC
 
 private:
-    struct Told {
-        virtual ~Told() = default;
+    struct Entry {
+        virtual ~Entry() = default;
         virtual void call(const void* value) = 0;
-        std::uint64_t since = 0;  // the topic's delivery during or after which it was made
+        std::uint64_t since = 0;  // the topic's delivery in which, or after which, it was made
     };
     template <class Value, class Callable>
-    struct Holder final : Told {
-        explicit Holder(Callable&& from) : callable(std::move(from)) {}
+    struct EntryOf final : Entry {
+        explicit EntryOf(Callable&& from) : callable(std::move(from)) {}
         void call(const void* value) override { static_cast<void>(callable(*static_cast<const Value*>(value))); }
         Callable callable;
     };
-    using List = std::list<std::unique_ptr<Told>>;
+    using List = std::list<std::unique_ptr<Entry>>;
 
     template <class Action>
     struct AtEnd {
@@ -137,9 +139,9 @@ private:
         Action action;
     };
 
-    // What the watches of a topic share. `lock` protects all of it; it is held neither while a callable runs or is
-    // destroyed nor while the library is called, so that who has it waits for nothing. What is waited for by `changed`
-    // stands in the conditions there. The library calls a topic's callback on one thread at a time.
+    // What the watches of a topic share. lock_ protects all of it. It is not held while a callable runs or is
+    // destroyed, nor while the library is called, so whoever holds it waits for nothing but changed_. The library never
+    // runs a topic's callback on two threads at once: it holds its own lock of the topic meanwhile.
     class Topic {
     public:
         using Registration = bool (*)(bool wanted);  // registers or unregisters the topic's callback
@@ -169,14 +171,14 @@ private:
             if (next_ == watch) {
                 ++next_;
             }
-            const Told* const told = watch->get();
-            List& to = delivering() && running_ == told ? endedInside_ : ended;
+            const Entry* const entry = watch->get();
+            List& to = delivering() && running_ == entry ? endedInside_ : ended;
             to.splice(to.end(), watches_, watch);
             if (delivering()) {
                 return;  // the library would wait for this very delivery
             }
-            changed_.wait(guard, [this, told] { return running_ != told; });
-            // Callables that still run may make a watch, which must not miss an event.
+            changed_.wait(guard, [this, entry] { return running_ != entry; });
+            // A callable that still runs may make a watch, and would miss events if the topic were unsubscribed.
             changed_.wait(guard, [this] { return !watches_.empty() || (thread_ == std::thread::id() && !inLibrary_); });
             if (watches_.empty() && registered_) {
                 callLibrary(guard, false);
@@ -239,30 +241,29 @@ private:
 
         const Registration registration_;
         std::mutex lock_;
-        std::condition_variable changed_;  // running_, thread_, inLibrary_ or watches_ has changed
+        std::condition_variable changed_;  // running_, thread_ or inLibrary_
         List watches_;                     // in the order of making
         std::uint64_t deliveries_ = 0;
-        List::iterator next_;      // of the delivery that is under way
-        Told* running_ = nullptr;  // whose callable runs
-        List endedInside_;         // by its own callable; used by the thread that delivers alone
-        std::thread::id thread_;   // that delivers
-        bool registered_ = false;  // with the library
-        bool inLibrary_ = false;   // a thread is registering or unregistering
+        List::iterator next_;       // of the delivery that is under way
+        Entry* running_ = nullptr;  // whose callable runs
+        List endedInside_;          // by its own callable; used by the thread that delivers alone
+        std::thread::id thread_;    // that delivers
+        bool registered_ = false;   // with the library
+        bool inLibrary_ = false;    // a thread is registering or unregistering
     };
 
-    // The topic's state and its callback. Hidden, so that each program or shared object has its own: it may be
-    // unloaded, which the symbols of a state that all share would prevent.
+    // A topic's state and callback. They are hidden, so that every program and shared object has its own: symbols that
+    // are shared could not be unloaded.
     template <class Value, int (*add)(void (*)(Value, void*), void*), int (*remove)(void (*)(Value, void*))>
-    struct __attribute__((visibility("hidden"))) Of {
+    struct __attribute__((visibility("hidden"))) TopicOf {
         static void callback(Value value, void* /*userData*/) { topic().deliver(&value); }
         static bool registration(bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; }
-        // Never destroyed, since the library may call until the very end of the process, and not on the heap, as it
-        // must leave nothing there when it is unloaded.
+        // Never destroyed, since the library may call until the process ends. Not on the heap either, where it would
+        // be left behind by what is unloaded.
         static Topic& topic()
         {
             alignas(Topic) static unsigned char place[sizeof(Topic)];
-            static Topic& made = *new (place) Topic(
-                [](bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; });
+            static Topic& made = *new (place) Topic(registration);
             return made;
         }
     };
@@ -279,9 +280,9 @@ private:
             }
         }
         List made;
-        made.push_back(std::unique_ptr<Told>(new Holder<Value, Callable>(std::move(callable))));
+        made.push_back(std::unique_ptr<Entry>(new EntryOf<Value, Callable>(std::move(callable))));
         watch.place_ = made.begin();
-        Topic& topic = Of<Value, add, remove>::topic();
+        Topic& topic = TopicOf<Value, add, remove>::topic();
         watch.topic_ = topic.add(made) ? &topic : nullptr;
         return watch;
     }
