@@ -75,6 +75,8 @@ public:
         place_ = other.place_;
         return *this;
     }
+    ZOLWatch(const ZOLWatch&) = delete;
+    ZOLWatch& operator=(const ZOLWatch&) = delete;
     /// Ends the watch.
     ~ZOLWatch() { end(); }
 
@@ -144,8 +146,7 @@ private:
     // runs a topic's callback on two threads at once: it holds its own lock of the topic meanwhile.
     class Topic {
     public:
-        using Registration = bool (*)(bool wanted);  // registers or unregisters the topic's callback
-        explicit Topic(Registration registration) : registration_(registration) {}
+        explicit Topic(bool (*registration)(bool wanted)) : registration_(registration) {}
 
         // Moves the one element of a list in, and tells whether it could.
         bool add(List& watch)
@@ -239,7 +240,7 @@ private:
             registered = registration_(wanted) && wanted;
         }
 
-        const Registration registration_;
+        bool (*const registration_)(bool wanted);  // registers or unregisters the topic's callback
         std::mutex lock_;
         std::condition_variable changed_;  // running_, thread_ or inLibrary_
         List watches_;                     // in the order of making
@@ -254,7 +255,7 @@ private:
 
     // A topic's state and callback. They are hidden, so that every program and shared object has its own: symbols that
     // are shared could not be unloaded.
-    template <class Value, int (*add)(void (*)(Value, void*), void*), int (*remove)(void (*)(Value, void*))>
+    template <class Value, auto add, auto remove>
     struct __attribute__((visibility("hidden"))) TopicOf {
         static void callback(Value value, void* /*userData*/) { topic().deliver(&value); }
         static bool registration(bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; }
@@ -268,8 +269,7 @@ private:
         }
     };
 
-    template <class Value, int (*add)(void (*)(Value, void*), void*), int (*remove)(void (*)(Value, void*)),
-              class Callable>
+    template <class Value, auto add, auto remove, class Callable>
     static ZOLWatch make(Callable callable)
     {
         static_assert(std::is_invocable_v<Callable&, const Value&>, "the callable of a watch takes the topic's value");

@@ -190,7 +190,7 @@ TEST_F(WatchTest, WatchesComeMoveAndGoWhileEventsCome)
             EXPECT_LE(3, calls);
         }
     };
-    const auto others = {std::async(std::launch::async, use), std::async(std::launch::async, use)};
+    const std::future<void> second = std::async(std::launch::async, use), third = std::async(std::launch::async, use);
     use();
 }
 
