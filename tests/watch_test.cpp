@@ -23,12 +23,12 @@ namespace key = ZOLVconfKey;
 using mock::Events;
 using Watch = ZOLWatch;
 
-// A callable that notes its name and the value, and cannot be copied.
+// A callable that notes its name and the value.
 auto noting(const std::string& name)
 {
-    return [name = std::make_unique<std::string>(name)](const auto& value) {
+    return [name](const auto& value) {
         std::ostringstream text;
-        text << std::boolalpha << *name << " " << value;
+        text << std::boolalpha << name << " " << value;
         mock::note(text.str());
     };
 }
@@ -91,7 +91,7 @@ TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
 {
     Watch before = language("before"), next, made, last;
     std::optional<Watch> own, other = Watch::OSDCountry(noting("other"));
-    own = Watch::ZOLLanguage([&, state = std::make_unique<std::string>("own")](std::string) {
+    own = Watch::ZOLLanguage([&, state = std::make_unique<std::string>("own")](std::string) {  // cannot be copied
         before.end(), own.reset(), next.end(), other.reset();
         made = language("replaced");
         made = language("made");
