@@ -62,16 +62,15 @@ void tryTopic(const char* path, const mock::Value& value, const std::string& tex
 {
     mock::refuse("vconf_notify_key_changed");
     EXPECT_FALSE(make(noting("refused")));
-    std::optional<Watch> first = make(noting("1"));
-    Watch second = make(noting("2")), third = make(noting("3"));
+    Watch watches[] = {make(noting("1")), make(noting("2")), make(noting("3"))};
     EXPECT_EQ(1, mock::fire(path, value));
-    first.reset();
-    second = std::move(third);
+    watches[0].end();
+    watches[1] = std::move(watches[2]);
     EXPECT_EQ(1, mock::fire(path, value));
     told({"1 " + text, "2 " + text, "3 " + text, "3 " + text});
-    EXPECT_TRUE(second);
-    second.end();
-    EXPECT_FALSE(second);
+    EXPECT_TRUE(watches[1]);
+    watches[1].end();
+    EXPECT_FALSE(watches[1]);
     EXPECT_EQ(0, mock::fire(path, value));
 }
 
