@@ -4,11 +4,10 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -393,7 +392,7 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
     EXPECT_EQ(Events(), told());
     mock::setHook(nullptr);
     EXPECT_EQ(1, removeLanguage(onText));
-    std::memset(late.userData, 0xff, sizeof(Watcher));  // nobody is there; who looks all the same is misled
+    std::fill_n(static_cast<char*>(late.userData), sizeof(Watcher), '\xff');  // to mislead who looks all the same
     for (const bool anew : {false, true}) {
         EXPECT_EQ(anew ? 1 : 0, anew ? addLanguage(onText, one) : removeLanguage(onText));
         mock::takeEvents();

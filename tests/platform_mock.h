@@ -127,7 +127,11 @@ inline bool happen(const std::string& event)
     const auto found = std::find_if(refused.begin(), refused.end(), [&event](const std::string& each) {
         return event.compare(0, each.size(), each) == 0;
     });
-    return found == refused.end() || (refused.erase(found), false);
+    if (found == refused.end()) {
+        return true;
+    }
+    refused.erase(found);
+    return false;
 }
 
 inline std::optional<Value> get(const std::string& function, const char* key, int type)

@@ -122,7 +122,7 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
         {"null pointer", [] { return !watch("db/a", nullptr); }},
         {"64 MiB", [&] { return !put("db/sized", largest + "v") && text("db/sized") == largest; }},
         {"not an integer", [&] { return vconf_get_int("db/sized", &value) != 0 && value == 7; }},
-        {"already has this handler", [] { return watch("db/a") && !watch("db/a"); }},
+        {"already has this handler", [] { return watch("db/a") + watch("db/a") == 1; }},
         {"no such handler", [] { return vconf_ignore_key_changed("db/a", ignore) != 0; }},
         {"must be an absolute path", [] { return setenv("ZOL_VCONF_DIR", "store", 1) == 0 && !put("db/a", 1); }},
     };

@@ -73,7 +73,7 @@ Use Store::use()
         use.unlock();
         {
             const std::lock_guard<std::shared_mutex> alone(lock_);
-            if (env_ == nullptr) {
+            if (env_ == nullptr) {  // cppcheck-suppress knownConditionTrueFalse ; other threads open it, too
                 open();
             }
         }
@@ -91,7 +91,7 @@ MDB_txn* Store::begin(Use& use, unsigned flags)
         use.unlock();
         {
             const std::lock_guard<std::shared_mutex> alone(lock_);
-            if (env_ == broken) {
+            if (env_ == broken) {  // cppcheck-suppress knownConditionTrueFalse ; the same
                 logLine("store", ("opening " + folder_ + " anew, since a write was broken off").c_str());
                 close();
             }
@@ -262,13 +262,13 @@ void Store::checkDataFile(size_t toWrite) const
 
 std::string Store::signalPath()
 {
-    const Use open = use();
+    [[maybe_unused]] const Use inUse = use();
     return folder_ + "/signal";
 }
 
 bool Store::isRemoved()
 {
-    const Use open = use();
+    [[maybe_unused]] const Use inUse = use();
     struct stat status {};
     return fstat(signal_, &status) == 0 && status.st_nlink == 0;
 }
@@ -368,8 +368,8 @@ bool Store::journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Re
 
 void Store::write(std::string_view key, int type, std::string_view data)
 {
-    Use open = use();
-    WriteTransaction txn(begin(open, 0));
+    Use inUse = use();
+    WriteTransaction txn(begin(inUse, 0));
     checkDataFile(sizeof(ValueHeader) + data.size());
 
     Record last;
