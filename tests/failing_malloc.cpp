@@ -22,16 +22,13 @@ static bool fails()
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): these are their names
 extern "C" {
 [[gnu::weak]] void* __interceptor_malloc(size_t size);
-[[gnu::weak]] void* __interceptor_calloc(size_t count, size_t size);
 [[gnu::weak]] void* __interceptor_realloc(void* block, size_t size);
 void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* block, size_t size);
 // Children of a program with threads start threads too, and there are too many children to let each wait at its end.
 const char* __tsan_default_options() { return "die_after_fork=0:atexit_sleep_ms=0"; }
 
 void* malloc(size_t size) noexcept { return fails() ? nullptr : REAL(malloc)(size); }
-void* calloc(size_t count, size_t size) noexcept { return fails() ? nullptr : REAL(calloc)(count, size); }
 void* realloc(void* block, size_t size) noexcept { return fails() ? nullptr : REAL(realloc)(block, size); }
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

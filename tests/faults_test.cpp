@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <iterator>
 #include <new>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,8 +14,7 @@
 
 extern std::atomic<int> failingAllocation;
 
-static bool runsOperation = false;  // on this thread, the only one
-bool isCounted() { return runsOperation && mock::inside == 0; }
+bool isCounted() { return mock::inside == 0; }
 
 using namespace std::string_literals;
 
@@ -95,32 +92,24 @@ const Operation operations[] = {
     {"a delivery", deliver, {"exception in cb"}, 2},
 };
 
-void fill(const Operation& operation)
+void prepare(const Operation& operation)
 {
     vconf_set_str(kLanguage.c_str(), kText);
     vconf_set_str(kList.c_str(), operation.list.c_str());
-}
-
-void prepare(const Operation& operation)
-{
     text = kOther;
     apps = {"kept"};
     REQUIRE(operation.callbacks < 1 || add(on<0>));
     REQUIRE(operation.callbacks < 2 || add(on<1>));
 }
 
-std::string state()
+std::vector<std::string> state()
 {
     change();
-    std::ostringstream all;
-    for (const std::string& key : {kLanguage, kList}) {
-        char* stored = vconf_get_str(key.c_str());
-        all << stored << ",";
-        std::free(stored);
-    }
-    std::copy(apps.begin(), apps.end(), std::ostream_iterator<std::string>(all, ","));
-    all << text << "," << told[0] << "," << told[1];
-    return all.str();
+    std::vector<std::string> all = apps;
+    const auto& store = mock::state.store;
+    all.insert(all.end(), {store.at(kLanguage).text, store.at(kList).text, text, std::to_string(told[0]),
+                           std::to_string(told[1])});
+    return all;
 }
 
 void undo()
@@ -134,27 +123,23 @@ void undo()
 constexpr int kStarved = 9;
 int starve(const Operation& operation, int n)
 {
-    fill(operation);
     prepare(operation);
     const char* result = kThrows;
-    runsOperation = true;
     failingAllocation = n;
     try {
         result = operation.run() ? "done" : "failed";
     } catch (const std::bad_alloc&) {
     }
     const bool starved = failingAllocation.exchange(0) == 0;
-    runsOperation = false;
     std::string outcome = result;
     for (const std::string& event : mock::takeEvents()) {
         outcome += event;
     }
 
-    const std::string now = state();
+    const auto now = state();
     undo();
-    fill(operation);
     prepare(operation);
-    const std::string before = state();
+    const auto before = state();
     REQUIRE(operation.run());  // so no lock is held
     REQUIRE(now == (result == "done"s ? state() : before));
     undo();

@@ -101,9 +101,7 @@ inline void deliver(const Subscription& to, const Value& value)
 inline int fire(const std::string& key, const Value& value)
 {
     int called = 0;
-    ++inside;
-    const std::vector<Subscription> subscriptions = Locked()->subscriptions;
-    --inside;
+    const auto subscriptions = (Inside(), Locked()->subscriptions);
     for (const Subscription& each : subscriptions) {
         if (each.key == key) {
             deliver(each, value);

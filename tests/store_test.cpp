@@ -353,7 +353,6 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
         MDB_envinfo info{};
         ASSERT_EQ(0, mdb_env_create(&env) + mdb_env_open(env, half.path().c_str(), 0, 0600) + mdb_env_info(env, &info));
         EXPECT_LE(info.me_numreaders, 8U) << "for at most four threads at a time";
-        std::printf("%u reader slots\n", info.me_numreaders);
         mdb_env_close(env);
     }
     kill(watcher, SIGKILL);

@@ -29,7 +29,7 @@ walk() {
     done
 }
 help=$(walk "" | sort)
-# ... on the page, ...
+# ... and on the page.
 in_page=$(awk '/^\.SH/ { command = "" }
     /^\.SS/ {
         gsub(/^\.SS "?| *(\\f.*)?"?$/, "")
@@ -40,14 +40,7 @@ in_page=$(awk '/^\.SH/ { command = "" }
     }
     tag { for (i = 2; i <= NF; ++i) if ($i ~ /^\\-/) { gsub(/\\/, "", $i); print command ":" $i } }
     { tag = /^\.TP/ }' "$page" | sort)
-# ... and in the completion.
-in_completion=$(cut -d: -f1 <<<"$help" | sort -u | while read -r command; do
-    printf "$command:%s\n" $(offered $command -)
-    [[ $help != *"$command:"[a-z]* ]] || printf "$command:%s\n" $(offered $command "")
-done | sort)
-
 same "the manual page" "$(grep -vE '^.+:(-h|--help)$' <<<"$help")" "$in_page"
-same "the completion" "$help" "$(grep -vE '^.+:(-v|--verbose)$' <<<"$in_completion")"
 
 "$zolctl" concurrent enable app.b 'app $(touch x)' other
 while IFS='|' read -r words expected; do

@@ -12,7 +12,10 @@
 #include <algorithm>
 #include <cassert>
 #include <cfloat>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -112,3 +115,16 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         checkChange(list, app, mode.c_str());
     }
 }
+
+#ifdef REPLAY  // runs the kept inputs, which are its arguments, without a fuzzer
+int main(int count, char** paths)
+{
+    for (int i = 1; i < count; ++i) {
+        std::ifstream file(paths[i], std::ios::binary);
+        const std::string input((std::istreambuf_iterator<char>(file)), {});
+        std::fprintf(stderr, "%s\n", paths[i]);
+        LLVMFuzzerTestOneInput(reinterpret_cast<const unsigned char*>(input.data()), input.size());
+    }
+    return count > 1 ? 0 : 1;
+}
+#endif
