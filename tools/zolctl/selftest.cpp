@@ -438,19 +438,17 @@ constexpr std::array kChecks = {
 
 // ---- running them ---------------------------------------------------------------------------------------------------
 
-// Reads the scratch keys and answers which of them hold nothing; later sets them back.
+// Reads the scratch keys and answers which of them hold nothing; later sets them back and answers what went wrong.
 std::string serveScratchKeys(const std::string& request)
 {
     static std::vector<std::pair<Key, std::string>> saved;
-    std::string without;
     if (request == "set back") {
         const auto isRefused = [](const auto& each) { return tryToWrite(each.first, each.second) != 0; };
-        if (std::count_if(saved.begin(), saved.end(), isRefused) > 0) {
-            throw Failure(
-                "the platform refused the last write to a key under memory/zolctl/selftest/; add -v to see why");
-        }
-        return without;
+        return std::count_if(saved.begin(), saved.end(), isRefused) == 0
+                   ? ""
+                   : "the platform refused the last write to a key under memory/zolctl/selftest/; add -v to see why";
     }
+    std::string without;
     for (const Key& key : kScratchKeys) {
         std::optional<std::string> found;
         for (const Type* type : {key.type, &kString, &kInteger, &kBoolean}) {  // whatever somebody has left there
@@ -477,10 +475,10 @@ int selftest(double timeout)
         sigaddset(&held, number);
     }
     sigprocmask(SIG_BLOCK, &held, nullptr);
-    const Process keys("reading or setting back the scratch keys", timeLimit + kSlack, serveScratchKeys);
+    const Process keys("a call for the scratch keys", timeLimit + kSlack, serveScratchKeys);
     const Process::Answer left = keys.ask("save");
     if (!left.fault.empty()) {
-        throw Failure(left.fault);
+        throw Failure("the platform does not return from a call that reads a scratch key");
     }
 
     std::size_t made = 0;
@@ -506,20 +504,22 @@ int selftest(double timeout)
     } catch (const Failure& failure) {
         endedBy = failure.what();
     }
-    const std::string notSetBack = keys.ask("set back").fault;
+    const Process::Answer back = keys.ask("set back");
+    const std::string problem =
+        back.fault.empty() ? back.text : "the platform does not return from a call that sets back a scratch key";
     sigprocmask(SIG_UNBLOCK, &held, nullptr);  // ends the tool if the reader of its output has gone
 
-    if (notSetBack.empty() && !left.text.empty()) {
+    if (problem.empty() && !left.text.empty()) {
         print("These keys had no value and keep a meaningless one until the machine restarts: " + left.text + "\n");
     }
     print(std::to_string(made - failed) + " of " + std::to_string(kChecks.size()) + " checks hold, " +
           std::to_string(failed) + " fail, " + std::to_string(kChecks.size() - made) + " not made\n");
-    for (const std::string& message : {notSetBack, endedBy}) {
+    for (const std::string& message : {problem, endedBy}) {
         if (!message.empty()) {
             printError(message);
         }
     }
-    return failed == 0 && notSetBack.empty() && endedBy.empty() ? 0 : kExitFailed;
+    return failed == 0 && problem.empty() && endedBy.empty() ? 0 : kExitFailed;
 }
 
 }  // namespace zolctl
