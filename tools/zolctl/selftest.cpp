@@ -93,7 +93,7 @@ public:
         if (size <= 0) {
             return {task_ + ": expected its end, came " + (inTime ? "that of its process" : "none in time"), ""};
         }
-        text = text.substr(0, static_cast<std::size_t>(size));
+        text.resize(static_cast<std::size_t>(size));
         return text[0] == '+' ? Answer{"", text.substr(1)} : Answer{text.substr(1), ""};
     }
 
@@ -233,7 +233,7 @@ struct Subscription {
 
     Key key{};
     vconf_callback_fn handler = nullptr;
-    std::string (*act)(Subscription&) = nullptr;  // the result follows the value in the list of calls
+    std::string (*act)(const Subscription&) = nullptr;  // the result follows the value in the list of calls
     std::mutex lock;
     std::string calls;
 };
@@ -242,7 +242,7 @@ struct Subscription {
 std::array<Subscription, 2> subscriptions;
 
 template <std::size_t number = 0>
-Subscription& subscribe(const Key& key, std::string (*act)(Subscription&) = nullptr)
+Subscription& subscribe(const Key& key, std::string (*act)(const Subscription&) = nullptr)
 {
     Subscription& self = subscriptions[number];
     self.key = key;
@@ -376,7 +376,7 @@ void noSubscriptionCannotEnd(const Key& key)
 
 void handlerMayCall(const Key& key)
 {
-    Subscription& subscription = subscribe(key, [](Subscription& self) {
+    Subscription& subscription = subscribe(key, [](const Subscription& self) {
         const std::string text = shown(kText);
         const int result = tryToWrite(kFlag, "1");
         return " (reads " + text + ", writes with " + std::to_string(result) + ", unsubscribes with " +
@@ -395,7 +395,7 @@ void endDoesNotWait(const Key& key)
     static std::atomic<bool> isInHandler{false};
     static std::atomic<bool> isReleased{false};
     const OtherProcess other;
-    Subscription& subscription = subscribe(key, [](Subscription& /*self*/) -> std::string {
+    Subscription& subscription = subscribe(key, [](const Subscription& /*self*/) -> std::string {
         isInHandler = true;
         return waitUntil([] { return isReleased.load(); }) ? " (not waited for)" : " (waited for)";
     });
