@@ -1,5 +1,5 @@
 /// @file
-/// The watcher of one vconf key, behind the operations of ZOLSystemDataNotify, which most callers want. For C++.
+/// The watcher of one vconf key, for C++. Most callers want the operations of ZOLSystemDataNotify, which use it.
 #ifndef VCONF_CALLBACK_GENERATOR_H
 #define VCONF_CALLBACK_GENERATOR_H
 
@@ -17,7 +17,7 @@
 struct keynode_t;
 #endif
 
-/// The type of a watched key's value, and with it the type of the callbacks.
+/// The type of a watched key's value. It determines the type of the callbacks.
 enum DataValueType : std::int32_t {
     DATA_TYPE_BOOL = 0,    ///< `void (*)(bool, void*)`; true exactly when the key holds 1
     DATA_TYPE_INT = 1,     ///< `void (*)(int, void*)`
@@ -27,27 +27,27 @@ enum DataValueType : std::int32_t {
 /// One registered callback, allocated with malloc and released with free.
 struct CallbackNode {
     void* callback;  ///< The caller's function; its type is that of the watcher's DataValueType.
-    void* userData;  ///< Handed back to the callback unchanged.
+    void* userData;  ///< Passed to the callback.
 };
 
-/// Watches one vconf key for any number of callbacks: subscribes to the key when a callback arrives, hands every change
-/// to the callbacks in the order of their registration, and unsubscribes when the last one leaves.
+/// Watches one vconf key for any number of callbacks. It subscribes to the key for the first callback, passes every
+/// change to the callbacks in the order of registration, and unsubscribes after the last callback is removed.
 ///
-/// Who makes a watcher keeps it for as long as vconf may call it or a thread may be inside one of its operations.
-/// There should be one watcher per key at a time: vconf tells subscriptions apart by their keys.
+/// Whoever creates a watcher must keep it as long as vconf may call it or a thread may be using it. There should be one
+/// watcher per key at a time, because vconf tells subscriptions apart by their keys.
 ///
-/// Threads: every member may be called from any thread. Callbacks run with the watcher's lock held, so they must not
-/// register or unregister on it; ZOLSystemDataNotify tells what else they may do.
+/// Threads: any thread may call every member. Callbacks run with the watcher's lock held, so they must not register or
+/// unregister on it. ZOLSystemDataNotify.h says what else they may do.
 ///
 /// Errors are reported by results and in the log under the tag "libZOL".
 class ZOL_API VconfCallbackGenerator {
 public:
-    /// Makes a watcher without callbacks, not subscribed yet.
-    /// @param type  How the key's value is read. With a value that is none of the enumerators no callback is called.
+    /// Creates a watcher without callbacks, not yet subscribed.
+    /// @param type  How the key's value is read. With any other value no callback is called.
     /// @param path  The key; it is copied. Throws nothing but std::bad_alloc.
     VconfCallbackGenerator(DataValueType type, const std::string& path);
 
-    /// Waits for callbacks that run, and forgets all. A subscription that still stands is left in place.
+    /// Waits for running callbacks and drops them all. It does not unsubscribe.
     ~VconfCallbackGenerator();
 
     VconfCallbackGenerator(const VconfCallbackGenerator&) = delete;

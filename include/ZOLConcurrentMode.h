@@ -13,17 +13,17 @@
 ///
 ///     [{"appid":"app.alpha","concurrent":"on"},{"appid":"app.beta","concurrent":"off"}]
 ///
-/// The first entry of that app is changed, or an entry is added at the end; everything else in the list keeps its
-/// content and order. A value that cannot be read, that does not parse or that is not an array is replaced by a new
-/// list with this one entry. A list may be nested to any depth.
+/// The app's first entry is changed; if it has none, one is added at the end. Everything else in the list keeps its
+/// content and order. If the value cannot be read, cannot be parsed or is not an array, a new list with this one entry
+/// replaces it. A list may be nested to any depth.
 ///
-/// @param appid  The app's id, stored up to its first NUL. An empty one never matches an entry, so it is always added.
-/// @param mode   Any text, stored up to its first NUL; only exactly "on" puts the app in concurrent mode.
-/// @return true, always; a write that vconf refuses is not noticed.
+/// @param appid  The app's id, stored up to its first NUL. An empty id matches no entry, so a new one is always added.
+/// @param mode   Any text, stored up to its first NUL. Only "on" puts the app in concurrent mode.
+/// @return always true, even when vconf refuses the write.
 ///
-/// Threads: any. The list is read, changed and written back without a lock, so of two calls that overlap, in one
-/// process or in two, the later write wins and the other change is lost.
-/// Throws nothing of its own; std::bad_alloc comes through, and the list is then as it was.
+/// Threads: any. The list is read, changed and written back without a lock: when two calls overlap, in one process or
+/// in two, the later write wins and the other change is lost.
+/// Errors: the only exception is std::bad_alloc; the list is then unchanged.
 ZOL_API bool SetZOLConcurrentMode(std::string appid, std::string mode);
 
 #endif

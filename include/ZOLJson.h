@@ -9,15 +9,15 @@
 
 #include "ZOLExport.h"
 
-/// Turns a JSON value into compact text: no white space, members and elements in their order, UTF-8 copied unchanged.
+/// Writes a JSON value as compact text: no white space, members and elements in order, UTF-8 unchanged.
 /// @param value     The value; it is not changed. Writing recurses once per level of nesting.
-/// @param[out] out  Receives the text in place of its old content.
+/// @param[out] out  Receives the text; its old content is replaced.
 ///
-/// The library takes values of RapidJSON's usual namespace. In a program that moves its RapidJSON to another one by
-/// RAPIDJSON_NAMESPACE this header compiles, but a call does not link: write such a value with its own Writer.
+/// The library uses RapidJSON's default namespace. In a program that sets RAPIDJSON_NAMESPACE this header compiles, but
+/// calls do not link; use RapidJSON's own Writer there.
 ///
-/// Threads: any, as long as nobody changes `value` meanwhile. Throws nothing of its own; std::bad_alloc comes through,
-/// with `out` as it was.
+/// Threads: any, as long as no other thread changes `value` meanwhile.
+/// Errors: the only exception is std::bad_alloc; `out` is then unchanged.
 ZOL_API void toString(RAPIDJSON_NAMESPACE::Value& value, std::string& out);
 
 #endif

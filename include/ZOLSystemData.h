@@ -1,8 +1,8 @@
 /// @file
 /// The TV's system data, read and written through the platform's key-value store, for C++ (C++11 or later).
 ///
-/// This header brings the free functions along: setString, getString, setInt, getInt, setBool and getBool in
-/// ZOLTypedKeys.h, and SetZOLConcurrentMode in ZOLConcurrentMode.h. Only toString stays apart, in ZOLJson.h, because it
+/// This header also includes the free functions: setString, getString, setInt, getInt, setBool and getBool
+/// (ZOLTypedKeys.h) and SetZOLConcurrentMode (ZOLConcurrentMode.h). Only toString is separate, in ZOLJson.h, because it
 /// needs RapidJSON.
 #ifndef ZOL_SYSTEM_DATA_H
 #define ZOL_SYSTEM_DATA_H
@@ -16,22 +16,22 @@
 
 /// Getters and setters of the TV's system data, and the list of apps in concurrent mode.
 ///
-/// Every operation but the three of the app list reads or writes one fixed vconf key, named in its comment, each time
-/// it is called; nothing is kept. Each has a flat twin in capi-zol-tv.h, called ZOLSystemData plus its name. Every
-/// access writes to the log under the tag "libZOL".
+/// Every operation except the three for the app list reads or writes one fixed vconf key, named in its comment. It does
+/// so on every call; no value is cached. capi-zol-tv.h has each operation as a flat function, named ZOLSystemData plus
+/// the operation's name. Every access writes to the log under the tag "libZOL".
 ///
-/// Results, the same for every operation of a kind:
-/// - A getter with a reference parameter returns true when the key was read and the parameter now holds its value, and
-///   false, with the parameter as it was, when the key is missing, of another type, or refused by vconf.
-/// - A boolean getter returns the value, true only for a stored 1. It returns false also when the key cannot be read;
-///   only the log tells the two apart.
-/// - A string setter returns false for an empty value, which is not written, and otherwise true, even when vconf
+/// Results:
+/// - A getter with a reference parameter returns true when it has read the key into the parameter. It returns false and
+///   leaves the parameter unchanged when the key is missing, has another type, or vconf refuses the read.
+/// - A boolean getter returns the value; only a stored 1 is true. It also returns false when the key cannot be read;
+///   only the log shows the difference.
+/// - A string setter returns false for an empty value, which is not written. Otherwise it returns true, even when vconf
 ///   refuses the write. The text is stored up to its first NUL.
 /// - A boolean setter returns whether vconf accepted the write.
 ///
-/// Errors: nothing is thrown but std::bad_alloc when a string cannot be copied. Nothing is retried.
+/// Errors: the only exception is std::bad_alloc, when a string cannot be copied. Nothing is retried.
 ///
-/// Threads: every operation may be called from any thread at any time without locking.
+/// Threads: any thread may call every operation at any time; no locking is needed.
 ///
 /// @code
 /// std::string language;
@@ -143,20 +143,21 @@ public:
 
     /// @name Apps in concurrent mode
     /// The list is one JSON text in "db/multi-assistant/alexa_language"; ZOLConcurrentMode.h shows its form. It is
-    /// read, changed and written back without a lock, so of two changes that overlap the later write wins.
+    /// read, changed and written back without a lock: when two changes overlap, the later write wins and the other
+    /// change is lost.
     /// @{
 
     /// Puts an app in concurrent mode: its entry becomes "on".
     /// @param appid  The app's id, stored up to its first NUL.
-    /// @return true, always; a write that vconf refuses is not noticed.
+    /// @return always true, even when vconf refuses the write.
     static bool EnableZOLConcurrentMode(std::string appid);
     /// Takes an app out of concurrent mode: its entry becomes "off".
     /// @param appid  The app's id, stored up to its first NUL.
-    /// @return true, always; a write that vconf refuses is not noticed.
+    /// @return always true, even when vconf refuses the write.
     static bool DisableZOLConcurrentMode(std::string appid);
     /// Appends the ids of the apps in concurrent mode to `list`, in the order of the stored list.
-    /// @param[in,out] list  Keeps what it holds; not changed when the result is false.
-    /// @return whether the stored text was read and is a list, that is a JSON array.
+    /// @param[in,out] list  The ids are added at its end. Unchanged when the result is false.
+    /// @return whether the stored text was read and is a JSON array.
     static bool GetZOLConcurrentAppList(std::vector<std::string>& list);
     /// @}
 };

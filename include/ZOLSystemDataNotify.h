@@ -1,5 +1,6 @@
 /// @file
-/// Being told when the TV's system data changes, for C++ (C++11 or later).
+/// Callbacks for changes of the TV's system data, for C++ (C++11 or later). ZOLWatch.h offers the same with any
+/// callable.
 #ifndef ZOL_SYSTEM_DATA_NOTIFY_H
 #define ZOL_SYSTEM_DATA_NOTIFY_H
 
@@ -10,44 +11,46 @@
 
 class VconfCallbackGenerator;
 
-/// A callback takes the new value, then the user data given with the registration.
+/// A callback takes the new value and the user data passed at registration.
 /// @{
 using ZOLBoolCallback = void (*)(bool value, void* userData);
 using ZOLIntCallback = void (*)(int value, void* userData);
 using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// @}
 
-/// Register and unregister operations for the thirteen topics that can be watched. Each topic is one vconf key. Each
-/// operation has a flat twin in capi-zol-tv.h, called ZOLSystemDataNotify plus its name.
+/// Register and unregister operations for the thirteen topics that can be watched. Each topic is one vconf key.
+/// capi-zol-tv.h has each operation as a flat function, named ZOLSystemDataNotify plus the operation's name.
 ///
-/// Register operations return 1 when the callback is registered, also when it already was (it stays registered once,
-/// with its first user data), and 0 for a null callback, when vconf refuses the subscription, and when memory runs out.
+/// Register operations return 1 when the callback is registered. If it already was, it stays registered once, with its
+/// first user data, and the result is also 1. They return 0 for a null callback, when vconf refuses the subscription,
+/// and when memory runs out.
 ///
-/// Unregister operations return 1 when the callback was removed and, if it was the topic's last, vconf accepted the
-/// end of the subscription. They return 0 when the callback is null or not registered, and when vconf refused; then
-/// the callback is gone all the same.
+/// Unregister operations return 1 when the callback was removed and, if it was the topic's last, vconf accepted the end
+/// of the subscription. They return 0 when the callback is null or not registered, and when vconf refused; in the last
+/// case the callback is removed all the same.
 ///
-/// Which thread calls back: the one on which vconf delivers changes, never the one that registers. The callbacks of a
-/// topic are called one after another, first registered first, once for every write of the key, also one that does
-/// not change the value. A string comes by value and is the callback's own. A boolean is true exactly for a stored 1.
-/// A string event without a text calls nobody.
+/// Callbacks run on the thread on which vconf delivers changes, never on the registering thread. The callbacks of a
+/// topic are called one after another, first registered first, once for every write of the key, even if the value stays
+/// the same. A string is passed by value. A boolean is true only for a stored 1. A string event without a text calls no
+/// callback.
 ///
-/// What a callback may do: use every getter and setter, and register and unregister on every other topic. It must not
-/// register or unregister on its own topic: that waits for the delivery that it is part of, for ever. Where vconf
-/// delivers on several threads, topics must not do so on each other in a ring: while the callbacks of a topic run, a
-/// registration on it waits for them, so callbacks that do it at the same time would wait for each other. With a vconf
-/// that delivers on one thread, as the desk's does, this cannot happen. An exception that leaves a callback is caught
-/// and logged, and the next callback is called.
+/// A callback may use every getter and setter, and register and unregister on every other topic. It must not register
+/// or unregister on its own topic: that deadlocks. If vconf delivers on several threads, the callbacks of different
+/// topics must not register or unregister on each other's topics in a cycle; that can deadlock too. On a vconf that
+/// delivers on one thread, such as the desk platform's, it cannot. An exception that leaves a callback is caught and
+/// logged, and the next callback is called.
 ///
-/// When user data may be freed: as soon as the unregister operation has returned, on whichever thread. The callback
-/// then does not run and will not run again.
+/// User data may be freed once the unregister operation has returned, on any thread: the callback does not run then and
+/// will not run again.
 ///
-/// Threads: every operation may be called from any thread. A thread may end in a callback, or be cancelled there; the
-/// callbacks after it are not called for that change. Errors are reported by results and in the log under the tag
-/// "libZOL"; nothing is thrown but std::bad_alloc when a registration needs a new watcher and finds no memory.
+/// Threads: any thread may call every operation. A thread may exit or be cancelled in a callback; the callbacks after
+/// it are not called for that change.
 ///
-/// Processes: after fork() the child may read and write. It must not use these operations if the parent has used any
-/// of them before. To watch in a child, fork before the first registration or call exec in the child.
+/// Errors are reported by results and in the log under the tag "libZOL". The only exception is std::bad_alloc, when a
+/// registration needs a new watcher and there is no memory.
+///
+/// Processes: after fork() the child may read and write. It must not use these operations if the parent has used any of
+/// them. To watch in a child, fork before the first registration, or call exec in the child.
 ///
 /// @code
 /// void onActivated(bool activated, void* userData) { static_cast<Assistant*>(userData)->show(activated); }

@@ -1,7 +1,7 @@
 /// @file
-/// The name of every vconf key that the library reads, writes or watches, each written down once, for C++.
-/// The library, the tests and the tools take the names from here. They are the platform's own names and are used
-/// exactly as they stand, "nagative_colors" and "alexa_language" included.
+/// The name of every vconf key that the library reads, writes or watches, for C++. The library and the tools take the
+/// names from here. They are the platform's own and are used exactly as they are, including "nagative_colors" and
+/// "alexa_language".
 #ifndef ZOL_VCONF_KEYS_H
 #define ZOL_VCONF_KEYS_H
 

@@ -1,10 +1,9 @@
 /// @file
-/// The flat form of the library: each operation of ZOLSystemData and ZOLSystemDataNotify as a function under its plain,
-/// undecorated name, the class name and the operation's name run together. A function does what its class operation
-/// does, with the same parameters, results, errors and threads; ZOLSystemData.h and ZOLSystemDataNotify.h tell them.
-/// Despite the name this is C++ (C++11 or later): the parameters are of C++ types, so these functions are for C++
-/// callers who look symbols up by name. The header brings both classes along. A string passed by value is the library's
-/// own copy: the caller's string is never changed.
+/// The library as flat functions: each operation of ZOLSystemData and ZOLSystemDataNotify under a plain, unmangled
+/// name, which is the class name followed by the operation's name. Parameters, results, errors and threads are those of
+/// the class operation; see ZOLSystemData.h and ZOLSystemDataNotify.h, which this header includes. The functions are
+/// for C++ callers (C++11 or later) that look symbols up by name: despite the "capi" in the name, parameters have C++
+/// types. A string is passed by value, so the caller's string never changes.
 #ifndef CAPI_ZOL_TV_H
 #define CAPI_ZOL_TV_H
 

@@ -29,7 +29,7 @@ namespace key = ZOLVconfKey;
 
 // ---- typed key access -----------------------------------------------------------------------------------------------
 
-// cppcheck-suppress passedByValue ; the exported signature takes the value as its own
+// cppcheck-suppress passedByValue ; the exported signature takes it by value
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the same
 bool setString(const char* key, std::string value)
 {
@@ -38,11 +38,11 @@ bool setString(const char* key, std::string value)
         return false;
     }
     dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
-    vconf_set_str(key, value.c_str());  // callers are told true once the value has been handed over, accepted or not
+    vconf_set_str(key, value.c_str());  // the result is true whether or not vconf accepts it
     return true;
 }
 
-// Copies vconf's text and releases it, also when there is no memory for the copy.
+// Copies vconf's text and frees it, even when there is no memory for the copy.
 static std::string takeOver(char* text)
 {
     struct Free {
@@ -173,7 +173,7 @@ bool ZOLSystemData::GetAmbientMode() { return getBool(key::AmbientMode); }
 
 // ---- concurrent-mode app list ---------------------------------------------------------------------------------------
 
-// The list is read and copied as a stream of RapidJSON's events, without recursion, so it may be nested to any depth.
+// The list is read and copied as a stream of RapidJSON events, without recursion, so it may be nested to any depth.
 
 namespace {
 
@@ -181,7 +181,7 @@ constexpr char kOn[] = "on";
 
 using Utf8 = rapidjson::UTF8<>;
 
-// RapidJSON does not look whether its allocator had memory to give, so this one throws when it had none.
+// RapidJSON does not check for a failed allocation, so this allocator throws.
 struct ThrowingAllocator : rapidjson::CrtAllocator {
     void* Realloc(void* block, std::size_t oldSize, std::size_t newSize)
     {
@@ -195,7 +195,7 @@ struct ThrowingAllocator : rapidjson::CrtAllocator {
 using Buffer = rapidjson::GenericStringBuffer<Utf8, ThrowingAllocator>;
 using Writer = rapidjson::Writer<Buffer, Utf8, Utf8, ThrowingAllocator>;
 
-// An entry is an object that is an element of the list. Of its members of one name the first counts.
+// An entry is an object directly in the list. If several members have the same name, the first one counts.
 struct Member {
     bool exists = false;
     const char* text = nullptr;  // of a string, up to its first NUL; null for any other value
@@ -206,13 +206,13 @@ struct Entry {
     Member appid, mode, other;
 };
 
-// Passes a list's events on to `Handler`, and each entry at its end.
+// Passes a list's events to `Handler`, and each entry when it is complete.
 template <class Handler>
 class ListReader : public Handler {
 public:
     using Handler::Handler;
 
-    bool isList() const { return isList_; }  // once all has been read
+    bool isList() const { return isList_; }  // valid after everything was read
 
     bool StartArray()
     {
@@ -264,8 +264,8 @@ public:
     }
 
 private:
-    // And in nothing inside it. Also true where there is no entry, in an array in the list or an object in an object,
-    // but the one has no members, and in the other it is not a list that is read.
+    // Not in anything nested inside it. Also true in an array in the list and in an object in an object, but the first
+    // has no members, and the second is not a list.
     bool isInEntry() const { return depth_ == 2; }
     void enter()
     {
@@ -281,7 +281,7 @@ private:
     bool isList_ = false;
 };
 
-// Collects the ids of the apps in concurrent mode. They stay in the text that is parsed.
+// Collects the ids of the apps in concurrent mode. They point into the parsed text.
 struct IdCollector : rapidjson::BaseReaderHandler<> {
     static std::size_t copied() { return {}; }  // it makes no copy
     void take(const Entry& entry)
@@ -298,7 +298,7 @@ struct IdCollector : rapidjson::BaseReaderHandler<> {
 struct ListCopier : Writer {
     ListCopier(Buffer& copy, const std::string& app) : Writer(copy), appid(app) {}
 
-    // A number just above the largest double arrives as infinity, which JSON has no form for; the largest is taken.
+    // A number just above the largest double is parsed as infinity, which JSON cannot express; the largest is used.
     bool Double(double value)
     {
         constexpr double kLargest = std::numeric_limits<double>::max();
@@ -317,7 +317,7 @@ struct ListCopier : Writer {
     std::optional<Member> mode;
 };
 
-// Reads a JSON text, whose strings it unescapes in place; false when it is none.
+// Parses a JSON text, unescaping its strings in place; false when it is not JSON.
 template <class Handler>
 bool parse(std::string& text, ListReader<Handler>& handler)
 {
@@ -343,10 +343,10 @@ std::string toText(const rapidjson::Value& value)
     return {buffer.GetString(), buffer.GetSize()};
 }
 
-// A JSON string of the text up to its first NUL.
+// The text up to its first NUL as a JSON string.
 std::string quoted(const std::string& text) { return toText(rapidjson::Value(rapidjson::StringRef(text.c_str()))); }
 
-// Puts a mode in its place in a list or, when there is none, in a new entry at the end.
+// Replaces an app's mode in the list or, if it has no entry, adds one at the end.
 std::string withMode(std::string_view list, const std::optional<Member>& place, const std::string& appid,
                      const std::string& mode)
 {
@@ -372,7 +372,7 @@ std::string withMode(std::string_view list, const std::optional<Member>& place, 
 // cppcheck-suppress constParameter ; the exported signature
 void toString(rapidjson::Value& value, std::string& out) { out = toText(value); }
 
-// cppcheck-suppress passedByValue ; the exported signature takes both as its own
+// cppcheck-suppress passedByValue ; the exported signature takes both by value
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the same
 bool SetZOLConcurrentMode(std::string appid, std::string mode)
 {
@@ -411,14 +411,14 @@ bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
             dlog_print(ZOL_LINE("data is not valid : %s"), text.c_str());
             return false;
         }
-    }  // so that the text as it was read is gone before the ids are copied
+    }  // frees the original text before the ids are copied
     const std::size_t before = list.size();
     try {
         for (const char* id : reader.ids) {
             list.emplace_back(id);
         }
     } catch (...) {
-        list.resize(before);  // the caller's list changes as a whole or not at all
+        list.resize(before);  // the caller's list changes completely or not at all
         throw;
     }
     return true;

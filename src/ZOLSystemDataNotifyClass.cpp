@@ -16,11 +16,11 @@
 
 namespace key = ZOLVconfKey;
 
-// A topic's watcher and what its key lock protects. On cache lines of its own: topics do not slow each other down.
+// A topic's watcher and what its key lock protects. Aligned so that topics do not share cache lines.
 struct alignas(64) WatcherSlot {
     std::mutex keyLock;
-    int users = 0;                              // operations and dispatches inside the watcher
-    const char* releaseFor = nullptr;           // the unregister operation that wants the watcher released
+    int users = 0;                              // operations and dispatches using the watcher
+    const char* releaseFor = nullptr;           // the unregister operation that asks to destroy the watcher
     VconfCallbackGenerator* watcher = nullptr;  // in one of the places, which are used in turn
     std::size_t nextPlace = 0;
     std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> places[2] = {};
@@ -49,7 +49,7 @@ constexpr Topic kTopics[] = {
     {key::ZOLMultipleMode, DATA_TYPE_BOOL},
 };
 
-// The row of a key. A key without a row does not compile. The key must be the very constant that stands in the table.
+// The row of a key, which must be the same constant as in the table. A key without a row does not compile.
 template <const char* path>
 constexpr std::size_t rowOf = [] {
     std::size_t row = 0;
@@ -58,14 +58,14 @@ constexpr std::size_t rowOf = [] {
     return row;
 }();
 
-// Never destroyed, like the watchers in them: callbacks may still come while the process ends.
+// Never destroyed, like the watchers in them: callbacks may still come while the process exits.
 WatcherSlot slots[std::size(kTopics)];
 static_assert(std::is_trivially_destructible_v<WatcherSlot>);
 
-// The slot that an address lies in, or null.
+// The slot that contains an address, or null.
 WatcherSlot* slotAt(const void* address)
 {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): only as numbers can unrelated addresses be compared
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): unrelated addresses can be compared only as numbers
     const auto offset = reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(slots);
     return offset < sizeof slots ? &slots[offset / sizeof(WatcherSlot)] : nullptr;
 }
@@ -73,11 +73,11 @@ WatcherSlot* slotAt(const void* address)
 template <class Callback>
 void* untyped(Callback callback)
 {
-    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a watcher keeps callbacks without their types
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): a watcher stores callbacks untyped
     return reinterpret_cast<void*>(callback);
 }
 
-// This and the next are not inlined: two dozen copies gain nothing.
+// This and the next function are not inlined: two dozen copies gain nothing.
 [[gnu::noinline]] int add(std::size_t row, const char* operation, void* callback, void* userData)
 {
     WatcherSlot& slot = slots[row];

@@ -12,9 +12,8 @@
 
 namespace {
 
-// Calls the callbacks, first registered first. What one throws stops here: vconf is C code, and the others are to be
-// called all the same. The same goes for a text that cannot be copied. Each callback gets a new Value made from
-// `value`.
+// Calls the callbacks, first registered first. Exceptions stop here, also that of a text that cannot be copied: vconf
+// is C code, and the other callbacks must still be called. Each callback gets a new Value made from `value`.
 template <class Value, class From>
 void callAll(const std::vector<CallbackNode*>& list, From value)
 {
@@ -28,7 +27,7 @@ void callAll(const std::vector<CallbackNode*>& list, From value)
             reinterpret_cast<void (*)(Value, void*)>(node->callback)(Value(value), node->userData);
         } catch (...) {
             if (std::current_exception() == nullptr) {
-                throw;  // not a C++ exception: the thread is ending, which cannot be stopped
+                throw;  // not a C++ exception: the thread is exiting, which must go on
             }
             dlog_print(ZOL_LINE_OF("VconfCallbackMethod", "exception in cb (%p)"), node->callback);
         }
@@ -48,7 +47,7 @@ VconfCallbackGenerator::~VconfCallbackGenerator()
     dlog_print(ZOL_BARE_LINE("Start"));
     std::unique_lock<std::mutex> guard(listMutex, std::defer_lock);
     if (!WatcherUse::isOfRegistry(this)) {
-        guard.lock();  // waits for the dispatch that runs; in a watcher of the registry there is none
+        guard.lock();  // waits for a running dispatch; a watcher of the registry has none by now
     }
     for (CallbackNode* node : nodeList) {
         std::free(node);
@@ -158,7 +157,7 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
             if (node->value.s != nullptr) {
                 callAll<std::string>(list, node->value.s);
             } else if (!list.empty()) {
-                dlog_print(ZOL_LINE("vconf keynode_t has no text"));  // no value, so there is nothing to tell
+                dlog_print(ZOL_LINE("vconf keynode_t has no text"));  // so there is no value to pass on
             }
             break;
         default:
