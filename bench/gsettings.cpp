@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "add.h"
-#include "watcher.h"
+#include "other_process.h"
+#include "repeat.h"
 
 namespace {
 

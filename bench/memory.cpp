@@ -13,7 +13,7 @@
 #include "ZOLVconfKeys.h"
 #include "applist.h"
 #include "capi-zol-tv.h"
-#include "nothing.h"
+#include "null_platform.h"
 
 namespace {
 

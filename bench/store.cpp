@@ -17,8 +17,8 @@
 #include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
-#include "add.h"
-#include "watcher.h"
+#include "other_process.h"
+#include "repeat.h"
 
 namespace {
 

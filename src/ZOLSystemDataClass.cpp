@@ -43,7 +43,7 @@ bool setString(const char* key, std::string value)
 }
 
 // Copies vconf's text and frees it, even when there is no memory for the copy.
-static std::string takeOver(char* text)
+static std::string copyAndFree(char* text)
 {
     struct Free {
         void operator()(char* block) const { std::free(block); }
@@ -59,7 +59,7 @@ bool getString(const char* key, std::string& value)
         dlog_print(ZOL_LINE("vconf_get_str is failed"));
         return false;
     }
-    value = takeOver(text);
+    value = copyAndFree(text);
     dlog_print(ZOL_LINE("key[%s] Value [%s]"), key, value.c_str());
     return true;
 }

@@ -78,7 +78,7 @@ void* untyped(Callback callback)
 }
 
 // This and the next function are not inlined: two dozen copies gain nothing.
-[[gnu::noinline]] int add(std::size_t row, const char* operation, void* callback, void* userData)
+[[gnu::noinline]] int registerCallback(std::size_t row, const char* operation, void* callback, void* userData)
 {
     WatcherSlot& slot = slots[row];
     std::unique_lock<std::mutex> guard(slot.keyLock);
@@ -92,7 +92,7 @@ void* untyped(Callback callback)
     return use.watcher()->RegisterCallback(callback, userData);
 }
 
-[[gnu::noinline]] int remove(std::size_t row, const char* operation, void* callback)
+[[gnu::noinline]] int unregisterCallback(std::size_t row, const char* operation, void* callback)
 {
     WatcherSlot& slot = slots[row];
     std::unique_lock<std::mutex> guard(slot.keyLock);
@@ -151,105 +151,105 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
 
 int ZOLSystemDataNotify::RegisterZOLConcurrentAppListCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLConcurrentAppListCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLConcurrentAppList>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterDravixResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::DravixResetCount>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::DravixResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterDravixResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::DravixResetCount>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::DravixResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterServiceResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::ServiceResetCount>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ServiceResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterServiceResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::ServiceResetCount>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ServiceResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterFactoryResetCountCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::FactoryResetCount>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::FactoryResetCount>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterFactoryResetCountCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::FactoryResetCount>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::FactoryResetCount>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterWebAppUninstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::WebAppUninstall>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::WebAppUninstall>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppUninstallCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::WebAppUninstall>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::WebAppUninstall>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterWebAppInstallCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::WebAppInstall>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::WebAppInstall>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterWebAppInstallCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::WebAppInstall>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::WebAppInstall>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterOSDCountryCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::OSDCountry>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::OSDCountry>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterOSDCountryCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::OSDCountry>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::OSDCountry>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterBackgroundVolumeCallback(ZOLIntCallback callback, void* userData)
 {
-    return add(rowOf<key::BackgroundVolume>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::BackgroundVolume>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterBackgroundVolumeCallback(ZOLIntCallback callback)
 {
-    return remove(rowOf<key::BackgroundVolume>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::BackgroundVolume>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLSituationalHintSupportedCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLSituationalHintSupported>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLLanguageCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLLanguage>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLLanguage>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLLanguageCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLLanguage>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLLanguage>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLDefaultAssistantAppidCallback(ZOLStringCallback callback)
 {
-    return remove(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLDefaultAssistantAppid>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLActivatedCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLActivated>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLActivated>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLActivatedCallback(ZOLBoolCallback callback)
 {
-    return remove(rowOf<key::ZOLActivated>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLActivated>, __func__, untyped(callback));
 }
 int ZOLSystemDataNotify::RegisterZOLMultipleModeCallback(ZOLBoolCallback callback, void* userData)
 {
-    return add(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback), userData);
+    return registerCallback(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback), userData);
 }
 int ZOLSystemDataNotify::UnregisterZOLMultipleModeCallback(ZOLBoolCallback callback)
 {
-    return remove(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback));
+    return unregisterCallback(rowOf<key::ZOLMultipleMode>, __func__, untyped(callback));
 }

@@ -16,9 +16,9 @@
 #include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
-#include "add.h"
 #include "applist.h"
-#include "nothing.h"
+#include "null_platform.h"
+#include "repeat.h"
 
 namespace {
 

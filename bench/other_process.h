@@ -1,6 +1,6 @@
 // Other processes: programs that are run, and one that is told of changes, with what is measured by it.
-#ifndef ZOL_BENCH_WATCHER_H
-#define ZOL_BENCH_WATCHER_H
+#ifndef ZOL_BENCH_OTHER_PROCESS_H
+#define ZOL_BENCH_OTHER_PROCESS_H
 
 #include <sys/types.h>
 

@@ -1,4 +1,4 @@
-#include "watcher.h"
+#include "other_process.h"
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // Each row of the table is a pair of benchmarks, "row/ours" and "row/peer", either of which may have arguments.
-#ifndef ZOL_BENCH_ADD_H
-#define ZOL_BENCH_ADD_H
+#ifndef ZOL_BENCH_REPEAT_H
+#define ZOL_BENCH_REPEAT_H
 
 #include <benchmark/benchmark.h>
 

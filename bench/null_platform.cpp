@@ -1,4 +1,4 @@
-#include "nothing.h"
+#include "null_platform.h"
 
 #include <dlog.h>
 #include <vconf.h>
