@@ -7,7 +7,6 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <vconf.h>
 
 #include <algorithm>
@@ -40,7 +39,8 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
         errno = EIO;
         return -1;
     }
-    return syscall(SYS_pwrite64, fd, data, size, offset);
+    static const auto real = reinterpret_cast<decltype(&pwrite)>(dlsym(RTLD_NEXT, "pwrite"));
+    return real(fd, data, size, offset);
 }
 
 static size_t mapSize = 0;  // of a smaller store, if not 0

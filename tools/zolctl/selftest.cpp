@@ -224,7 +224,7 @@ public:
         close(ends[1]);
         socket_ = ends[0];
         const auto limit = std::chrono::duration_cast<std::chrono::microseconds>(timeout).count();
-        const timeval time{limit / 1000000, limit % 1000000};
+        const timeval time{static_cast<time_t>(limit / 1000000), static_cast<suseconds_t>(limit % 1000000)};
         (void)setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time);
     }
     ~OtherProcess()
