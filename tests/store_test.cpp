@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 // makes the write current.
 enum class Fault { None, DieBeforeTelling, CannotTell, CannotWrite };
 static std::atomic<Fault> fault{Fault::None};
-extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
+extern "C" ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset)
 {
     if (size == 1 && fault == Fault::DieBeforeTelling) {
         raise(SIGKILL);
@@ -39,8 +39,13 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
         errno = EIO;
         return -1;
     }
-    static const auto real = reinterpret_cast<decltype(&pwrite)>(dlsym(RTLD_NEXT, "pwrite"));
+    static const auto real = reinterpret_cast<decltype(&pwrite64)>(dlsym(RTLD_NEXT, "pwrite64"));
     return real(fd, data, size, offset);
+}
+// LMDB's, which on 32-bit processors is another one.
+extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
+{
+    return pwrite64(fd, data, size, offset);
 }
 
 static size_t mapSize = 0;  // of a smaller store, if not 0
