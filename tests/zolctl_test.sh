@@ -6,8 +6,9 @@ set -uo pipefail
 
 zolctl=$(realpath "$1")
 source_dir=$(realpath "$2")
-example=$source_dir/examples/living-room.json
 work=$(mktemp -d)
+example=$work/living-room.json
+cp "$source_dir/examples/living-room.json" "$example"
 export ZOL_VCONF_DIR=$work/store
 unset ZOL_DLOG NO_COLOR
 failures=0
