@@ -7,11 +7,9 @@ shopt -s extglob
 cd "$2/include"
 fail() { echo "FAILED: $*" && exit 1; }
 
-command -v clang++ >/dev/null || echo "There is no clang++ to ask as well."
-for compiler in "$1" $(command -v clang++); do
-    printf '%s\n' 11 14 17 20 | xargs -P 4 -I STANDARD "$compiler" -std=c++STANDARD -Wall -Wextra -Wpedantic -Wshadow \
-        -Wconversion -Werror -fsyntax-only -I. -x c++ ./*.h || fail "a header does not compile alone"
-done
+alone=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I. -x c++)
+printf '%s\n' 11 14 17 20 | xargs -P 4 -I STANDARD "$1" -std=c++STANDARD "${alone[@]}" ./*.h || fail "a header does not compile alone"
+! command -v clang++ >/dev/null || clang++ -std=c++17 "${alone[@]}" ./*.h || fail "a header does not compile alone with clang"
 compile() { "$1" -std=c++17 -I. -fsyntax-only -x c++ "${@:2}"; }
 includes() { "$1" -std=c++17 -I. -M -x c++ "${@:2}"; }
 if includes "$1" !(ZOLJson).h | grep -E 'rapidjson|vconf\.h|dlog\.h' || includes "$1" ZOLJson.h | grep -E 'vconf\.h|dlog\.h'; then

@@ -8,40 +8,34 @@ from=$(realpath "$1")
 source_dir=$(realpath "$2")
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
-cd "$root"
-unset LD_LIBRARY_PATH
+cd "$root" && unset LD_LIBRARY_PATH
 
 fail() { echo "FAILED: $*" && exit 1; }
 same() { [ "$2" = "$3" ] || fail "$1: got '$2', not '$3'"; }
 
 if [ -f "$from/CMakeCache.txt" ]; then
-    cmake --install "$from" --prefix "$root/first" >log
-    mv first usr
+    cmake --install "$from" --prefix "$root/first" >log && mv first usr
     run() { ZOL_VCONF_DIR=$root/store PATH=$root/usr/bin:$PATH "$@"; }
 else
-    mkdir -p var/lib/dpkg/info var/lib/dpkg/updates sbin
-    cp /var/lib/dpkg/status var/lib/dpkg/
+    mkdir -p var/lib/dpkg/{info,updates} sbin && cp /var/lib/dpkg/status var/lib/dpkg/
     # The packages' scripts run without chroot, which would need a whole system; they call ldconfig for their own root.
-    printf '#!/bin/sh\nexec /sbin/ldconfig -r "$DPKG_ROOT" -C /ld.so.cache\n' >sbin/ldconfig
-    chmod +x sbin/ldconfig
+    install /dev/stdin sbin/ldconfig <<<$'#!/bin/sh\nexec /sbin/ldconfig -r "$DPKG_ROOT" -C /ld.so.cache'
     PATH=$root/sbin:$PATH dpkg --root="$root" --force-not-root --force-script-chrootless --no-triggers \
         --install "$from"/*.deb >log 2>&1 || fail "dpkg: $(<log)"
     # The programs run with that root as theirs, over the C and C++ libraries of this machine.
     ldd usr/bin/zolctl usr/lib/*/lib*.so.* | grep -oE '/[^ ]+ \(' | cut -d' ' -f1 | sort -u |
         xargs cp -L --parents -t . /proc/sys/kernel/random/boot_id
-    change_root=(chroot)
-    [ "$(id -u)" = 0 ] || change_root=(unshare -r chroot)
-    run() { ZOL_VCONF_DIR=/store "${change_root[@]}" "$root" "$@"; }
+    unshare=() && [ "$(id -u)" = 0 ] || unshare=(unshare -r)
+    run() { ZOL_VCONF_DIR=/store "${unshare[@]}" chroot "$root" "$@"; }
 fi
 libdir=$(dirname "$(find "$root/usr" -name libcapi-zol-tv.so)")
 export PKG_CONFIG_PATH=$libdir/pkgconfig ZOL_DLOG=off
 mkdir -m 700 store
 
-version=$(pkg-config --modversion capi-zol-tv)
-grep -qF "## [$version]" "$source_dir/CHANGELOG.md" || fail "CHANGELOG.md has no section for $version"
+grep -qF "## [$(pkg-config --modversion capi-zol-tv)]" "$source_dir/CHANGELOG.md" || fail "CHANGELOG.md lacks this version"
 
 # The programs in README.md, in their order, are the examples.
-mkdir examples
+mkdir examples by_pkg_config
 number=0
 for name in watch_language concurrent_apps; do
     awk -v want=$((++number)) '/^```/ { inside = /^```cpp/; count += inside; next } inside && count == want' \
@@ -56,7 +50,6 @@ run_examples() {
     run zolctl concurrent enable org.example.alpha org.example.beta
     same "$1: concurrent_apps" "$(run "$1"/concurrent_apps)" $'org.example.alpha\norg.example.beta'
 }
-mkdir by_pkg_config
 for name in watch_language concurrent_apps; do
     # shellcheck disable=SC2046 # the flags are a list of words
     "${CXX:-c++}" -std=c++17 examples/$name.cpp $(pkg-config --cflags --libs capi-zol-tv) -o by_pkg_config/$name

@@ -42,11 +42,7 @@ extern "C" ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offse
     static const auto real = reinterpret_cast<decltype(&pwrite64)>(dlsym(RTLD_NEXT, "pwrite64"));
     return real(fd, data, size, offset);
 }
-// LMDB's, which on 32-bit processors is another one.
-extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
-{
-    return pwrite64(fd, data, size, offset);
-}
+extern "C" ssize_t pwrite(int fd, const void* data, size_t n, off_t at) { return pwrite64(fd, data, n, at); }  // LMDB's
 
 static size_t mapSize = 0;  // of a smaller store, if not 0
 extern "C" int mdb_env_set_mapsize(MDB_env* env, size_t size)

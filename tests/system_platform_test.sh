@@ -18,23 +18,13 @@ include(FetchContent)
 FetchContent_Declare(capi-zol-tv SOURCE_DIR "$1" OVERRIDE_FIND_PACKAGE)
 add_subdirectory("$1/examples" examples)
 END
-if ! { cmake -S "$scratch" -B "$scratch/build" -DZOL_PLATFORM=system && cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1; then
-    cat "$scratch/log"
-    echo "FAILED: the library does not build"
-    exit 1
-fi
+fail() { echo "FAILED: $*" && exit 1; }
+{ cmake -S "$scratch" -B "$scratch/build" -DZOL_PLATFORM=system && cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1 ||
+    fail "the library does not build: $(<"$scratch/log")"
 library=$(find "$scratch/build" -name libcapi-zol-tv.so)
-
-if ! grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$library")"; then
-    echo "FAILED: the library does not export VconfCallbackMethod for the prefix's record"
-    exit 1
-fi
+grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$library")" ||
+    fail "the library does not export VconfCallbackMethod for the prefix's record"
 libraries=$(ldd "$library")
-if [ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" != 2 ]; then
-    echo "FAILED: the library does not link the prefix's platform: $libraries"
-    exit 1
-fi
-if find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep .; then
-    echo "FAILED: the stand-ins above were built as well"
-    exit 1
-fi
+[ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" = 2 ] ||
+    fail "the library does not link the prefix's platform: $libraries"
+! find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep . || fail "the stand-ins above were built as well"
