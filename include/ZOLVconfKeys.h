@@ -5,6 +5,9 @@
 #ifndef ZOL_VCONF_KEYS_H
 #define ZOL_VCONF_KEYS_H
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-const-variable"  // nobody uses all of them
+
 /// The keys, each by the name of its operations.
 namespace ZOLVconfKey {
 
@@ -66,5 +69,7 @@ constexpr char FactoryResetCount[] = "db/factory/factory_reset_count";
 /// @}
 
 }  // namespace ZOLVconfKey
+
+#pragma GCC diagnostic pop
 
 #endif

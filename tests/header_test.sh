@@ -1,24 +1,21 @@
 #!/bin/bash
 # The public headers: header_test.sh COMPILER SOURCE_DIR
-# Each compiles alone under every standard a caller may use, and only the JSON header needs more than the library. That
-# one follows a RapidJSON in another namespace.
+# Each compiles alone under every standard a caller may use, also with clang, and only the JSON header needs more than the
+# library. That one follows a RapidJSON in another namespace. A std::string of another layout gives one clear line.
 set -euo pipefail
 shopt -s extglob
-compiler=$1
 cd "$2/include"
+fail() { echo "FAILED: $*" && exit 1; }
 
-if ! printf '%s\n' 11 14 17 20 | xargs -P 4 -I STANDARD "$compiler" -std=c++STANDARD -Wall -Wextra -Wpedantic -Wshadow \
-    -Wconversion -Werror -fsyntax-only -I. -x c++ ./*.h; then
-    echo "FAILED: a header does not compile alone"
-    exit 1
+alone=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I. -x c++)
+printf '%s\n' 11 14 17 20 | xargs -P 4 -I STANDARD "$1" -std=c++STANDARD "${alone[@]}" ./*.h || fail "a header does not compile alone"
+! command -v clang++ >/dev/null || clang++ -std=c++17 "${alone[@]}" ./*.h || fail "a header does not compile alone with clang"
+compile() { "$1" -std=c++17 -I. -fsyntax-only -x c++ "${@:2}"; }
+includes() { "$1" -std=c++17 -I. -M -x c++ "${@:2}"; }
+if includes "$1" !(ZOLJson).h | grep -E 'rapidjson|vconf\.h|dlog\.h' || includes "$1" ZOLJson.h | grep -E 'vconf\.h|dlog\.h'; then
+    fail "a header includes the above"
 fi
-includes() { "$compiler" -std=c++17 -I. -M -x c++ "$@"; }
-if includes !(ZOLJson).h | grep -E 'rapidjson|vconf\.h|dlog\.h' || includes ZOLJson.h | grep -E 'vconf\.h|dlog\.h'; then
-    echo "FAILED: a header includes the above"
-    exit 1
-fi
-if ! "$compiler" -std=c++17 -I. -fsyntax-only -x c++ ZOLJson.h -DRAPIDJSON_NAMESPACE=own -D'RAPIDJSON_NAMESPACE_BEGIN=namespace own {' \
-    -DRAPIDJSON_NAMESPACE_END='}'; then
-    echo "FAILED: the JSON header needs RapidJSON's own namespace"
-    exit 1
-fi
+compile "$1" ZOLJson.h -DRAPIDJSON_NAMESPACE=own -D'RAPIDJSON_NAMESPACE_BEGIN=namespace own {' -DRAPIDJSON_NAMESPACE_END='}' ||
+    fail "the JSON header needs RapidJSON's own namespace"
+errors=$(compile "$1" capi-zol-tv.h -D_GLIBCXX_USE_CXX11_ABI=0 2>&1 | grep error: || true)
+[[ $errors == *"std::string of C++11"* && $errors != *$'\n'* ]] || fail "another std::string gives: $errors"

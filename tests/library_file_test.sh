@@ -32,7 +32,8 @@ while read -r file; do
 1 \(FLAGS\) .*BIND_NOW
 1 ^ +GNU_STACK .* RW +0x
 1 U __stack_chk_fail@
-0 TEXTREL|RPATH|RUNPATH
+0 TEXTREL|RPATH
+1 \(RUNPATH\) .*\[\$ORIGIN(/\.\./lib)?\]$
 END
 done < <(find "$scratch" -type f)
 

@@ -1,35 +1,41 @@
 #!/bin/bash
-# The Debian packages as a customer gets them: package_test.sh PACKAGES_DIR SOURCE_DIR
-# dpkg installs them into a root of their own, where it takes the packages of this machine for installed and so checks
-# what they depend on. There the examples are built as README.md shows them, by pkg-config and by CMake, and are run.
+# The installed files as a customer gets them: package_test.sh PACKAGES_DIR|BUILD_DIR SOURCE_DIR
+# dpkg installs packages into a root of their own, where it takes the packages of this machine for installed and so checks
+# what they depend on. A build is installed into a folder, which is then moved. There the examples are built as README.md
+# shows them, by pkg-config and by CMake, and are run with nothing said about where the libraries are.
 set -euo pipefail
-packages=$(realpath "$1")
+from=$(realpath "$1")
 source_dir=$(realpath "$2")
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
-cd "$root"
+cd "$root" && unset LD_LIBRARY_PATH
 
 fail() { echo "FAILED: $*" && exit 1; }
 same() { [ "$2" = "$3" ] || fail "$1: got '$2', not '$3'"; }
 
-mkdir -p var/lib/dpkg/info var/lib/dpkg/updates sbin
-cp /var/lib/dpkg/status var/lib/dpkg/
-# The packages' scripts run without chroot, which would need a whole system; they call ldconfig for their own root.
-printf '#!/bin/sh\nexec /sbin/ldconfig -r "$DPKG_ROOT" -C /ld.so.cache\n' >sbin/ldconfig
-chmod +x sbin/ldconfig
-PATH=$root/sbin:$PATH dpkg --root="$root" --force-not-root --force-script-chrootless --no-triggers \
-    --install "$packages"/*.deb >log 2>&1 || fail "dpkg: $(<log)"
-
+if [ -f "$from/CMakeCache.txt" ]; then
+    cmake --install "$from" --prefix "$root/first" >log && mv first usr
+    run() { ZOL_VCONF_DIR=$root/store PATH=$root/usr/bin:$PATH "$@"; }
+else
+    mkdir -p var/lib/dpkg/{info,updates} sbin && cp /var/lib/dpkg/status var/lib/dpkg/
+    # The packages' scripts run without chroot, which would need a whole system; they call ldconfig for their own root.
+    install /dev/stdin sbin/ldconfig <<<$'#!/bin/sh\nexec /sbin/ldconfig -r "$DPKG_ROOT" -C /ld.so.cache'
+    PATH=$root/sbin:$PATH dpkg --root="$root" --force-not-root --force-script-chrootless --no-triggers \
+        --install "$from"/*.deb >log 2>&1 || fail "dpkg: $(<log)"
+    # The programs run with that root as theirs, over the C and C++ libraries of this machine.
+    ldd usr/bin/zolctl usr/lib/*/lib*.so.* | grep -oE '/[^ ]+ \(' | cut -d' ' -f1 | sort -u |
+        xargs cp -L --parents -t . /proc/sys/kernel/random/boot_id
+    unshare=() && [ "$(id -u)" = 0 ] || unshare=(unshare -r)
+    run() { ZOL_VCONF_DIR=/store "${unshare[@]}" chroot "$root" "$@"; }
+fi
 libdir=$(dirname "$(find "$root/usr" -name libcapi-zol-tv.so)")
-export PATH=$root/usr/bin:$PATH LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
-export ZOL_VCONF_DIR=$root/store ZOL_DLOG=off
-mkdir "$ZOL_VCONF_DIR"
+export PKG_CONFIG_PATH=$libdir/pkgconfig ZOL_DLOG=off
+mkdir -m 700 store
 
-version=$(pkg-config --modversion capi-zol-tv)
-grep -qF "## [$version]" "$source_dir/CHANGELOG.md" || fail "CHANGELOG.md has no section for $version"
+grep -qF "## [$(pkg-config --modversion capi-zol-tv)]" "$source_dir/CHANGELOG.md" || fail "CHANGELOG.md lacks this version"
 
 # The programs in README.md, in their order, are the examples.
-mkdir examples
+mkdir examples by_pkg_config
 number=0
 for name in watch_language concurrent_apps; do
     awk -v want=$((++number)) '/^```/ { inside = /^```cpp/; count += inside; next } inside && count == want' \
@@ -39,12 +45,11 @@ done
 cp "$source_dir/examples/CMakeLists.txt" examples/
 
 run_examples() {
-    zolctl set ZOLLanguage en-GB
-    same "$1: watch_language" "$("$1"/watch_language)" "en-GB, then de-DE"
-    zolctl concurrent enable org.example.alpha org.example.beta
-    same "$1: concurrent_apps" "$("$1"/concurrent_apps)" $'org.example.alpha\norg.example.beta'
+    run zolctl set ZOLLanguage en-GB
+    same "$1: watch_language" "$(run "$1"/watch_language)" "en-GB, then de-DE"
+    run zolctl concurrent enable org.example.alpha org.example.beta
+    same "$1: concurrent_apps" "$(run "$1"/concurrent_apps)" $'org.example.alpha\norg.example.beta'
 }
-mkdir by_pkg_config
 for name in watch_language concurrent_apps; do
     # shellcheck disable=SC2046 # the flags are a list of words
     "${CXX:-c++}" -std=c++17 examples/$name.cpp $(pkg-config --cflags --libs capi-zol-tv) -o by_pkg_config/$name
@@ -53,5 +58,5 @@ run_examples by_pkg_config
 { cmake -S examples -B by_cmake -DCMAKE_PREFIX_PATH="$root/usr" && cmake --build by_cmake; } >log 2>&1 || fail "$(<log)"
 grep -q "capi-zol-tv_DIR:PATH=$libdir" by_cmake/CMakeCache.txt || fail "CMake found another package"
 run_examples by_cmake
-zolctl selftest >log || fail "$(<log)"
-echo "The packages install, and the examples build and run over them."
+run zolctl selftest >log || fail "$(<log)"
+echo "What is installed works, and the examples build and run over it."

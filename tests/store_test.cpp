@@ -7,7 +7,6 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <vconf.h>
 
 #include <algorithm>
@@ -30,7 +29,7 @@ namespace fs = std::filesystem;
 // makes the write current.
 enum class Fault { None, DieBeforeTelling, CannotTell, CannotWrite };
 static std::atomic<Fault> fault{Fault::None};
-extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
+extern "C" ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offset)
 {
     if (size == 1 && fault == Fault::DieBeforeTelling) {
         raise(SIGKILL);
@@ -40,8 +39,10 @@ extern "C" ssize_t pwrite(int fd, const void* data, size_t size, off_t offset)
         errno = EIO;
         return -1;
     }
-    return syscall(SYS_pwrite64, fd, data, size, offset);
+    static const auto real = reinterpret_cast<decltype(&pwrite64)>(dlsym(RTLD_NEXT, "pwrite64"));
+    return real(fd, data, size, offset);
 }
+extern "C" ssize_t pwrite(int fd, const void* data, size_t n, off_t at) { return pwrite64(fd, data, n, at); }  // LMDB's
 
 static size_t mapSize = 0;  // of a smaller store, if not 0
 extern "C" int mdb_env_set_mapsize(MDB_env* env, size_t size)

@@ -1,17 +1,17 @@
 #!/bin/bash
 # Tests zolctl from the outside, with a store of its own.
-# Usage: tests/zolctl_test.sh ZOLCTL SOURCE_DIR
-# shellcheck disable=SC2013,SC2016,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
+# Usage: [ZOL_OTHER_ZOLCTL=ZOLCTL_OF_ANOTHER_WORD_SIZE] tests/zolctl_test.sh ZOLCTL SOURCE_DIR
+# shellcheck disable=SC2013,SC2016,SC2030,SC2031,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
 set -uo pipefail
 
 zolctl=$(realpath "$1")
 source_dir=$(realpath "$2")
-example=$source_dir/examples/living-room.json
 work=$(mktemp -d)
+example=$work/living-room.json
+cp "$source_dir/examples/living-room.json" "$example"
 export ZOL_VCONF_DIR=$work/store
 unset ZOL_DLOG NO_COLOR
-failures=0
-watcher=
+failures=0 makers=0 watcher=
 trap '[ -z "$watcher" ] || kill -KILL "$watcher" 2>/dev/null; rm -rf "$work"' EXIT
 
 fail() { echo "FAILED: $*" && failures=$((failures + 1)); }
@@ -217,5 +217,22 @@ until_true "selftest and TERM" grep -q "^ok   a write of another" "$work/out"
 end_watch "selftest and TERM" 1 TERM
 same "selftest and TERM" "$(<"$work/err")" "zolctl: interrupted"
 same "the scratch keys hold what they held" "$(with_fault show get ZOLActivated | head -n 1)" mine
+
+# ---- a store made by programs of another word size, in use or grown beyond what 32 bits can count ----
+[ -n "${ZOL_OTHER_ZOLCTL-}" ] && for both in "$zolctl|$ZOL_OTHER_ZOLCTL" "$ZOL_OTHER_ZOLCTL|$zolctl"; do # from scripts/cross
+    ZOL_VCONF_DIR=$work/made_by_$((++makers))
+    zolctl=${both%|*} && "$zolctl" load "$example"
+    start_watch 1 WebAppInstall >"$work/out"
+    data=$ZOL_VCONF_DIR/persistent/data.mdb zolctl=${both#*|}
+    for length in 3G "$(stat -c %s "$data")"; do
+        truncate -s "$length" "$data"
+        for command in "get OSDLanguage" "set OSDLanguage xx" "inject WebAppInstall xx"; do
+            check "$command, $length" 1 "" " bits; set ZOL_VCONF_DIR to another folder" -v $command
+        done
+    done
+    zolctl=${both%|*}
+    same "what the other one refused" "$("$zolctl" dump && "$zolctl" inject WebAppInstall new)" "$(<"$example")"
+    end_watch "the watcher of the other size" 0
+done
 
 [ "$failures" = 0 ] || { echo "$failures failures" && exit 1; }

@@ -44,10 +44,9 @@ fs::path absolute(const std::string& text, const char* variable)
 std::string thisBoot()
 {
     constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
-    constexpr std::size_t kSize = 36;
     std::string id;
     std::ifstream(kSource) >> id;
-    if (id.size() != kSize) {
+    if (id.size() != 36) {  // a UUID
         fail("cannot tell this start of the machine from others: cannot read ", kSource, "mount /proc");
     }
     return "volatile-" + id;

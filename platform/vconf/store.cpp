@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <new>
 
@@ -135,6 +136,12 @@ void Store::openFiles(int folder)
 {
     const std::string data = folder_ + "/data.mdb";
     prepareFiles(folder_, kNewDataSize, kLockSize);
+    std::string head(20, '\0');
+    std::ifstream(data).read(head.data(), 20);
+    if (head.compare(20 - sizeof(void*), 4, "\xDE\xC0\xEF\xBE") == 0) {  // where LMDB marks a file of the other size
+        throw Error("cannot use " + folder_ + ": it was made by a program of " + (sizeof(void*) == 8 ? "32" : "64") +
+                    " bits; set ZOL_VCONF_DIR to another folder for programs of this size");
+    }
     const bool isNew = access((folder_ + "/signal").c_str(), F_OK) != 0;
     if (!isNew) {
         openSignal(0);
@@ -276,29 +283,23 @@ bool Store::isRemoved()
 void Store::fail(const std::string& what, int code) const
 {
     const std::string message = "cannot " + what + " the store in " + folder_ + ": " + mdb_strerror(code);
-    std::string advice;
     switch (code) {
         case ENOMEM:
             throw std::bad_alloc();
         case MDB_MAP_FULL:
-            advice = "; the store is full, set values to shorter ones";
-            break;
+            throw Error(message + "; the store is full, set values to shorter ones");
         case ENOSPC:
-            advice = "; free some space there";
-            break;
+            throw Error(message + "; free some space there");
         case EIO:  // also where the disk took a part of what was written
-            advice = "; its disk may be full";
-            break;
+            throw Error(message + "; its disk may be full");
         case MDB_VERSION_MISMATCH:
-            advice = "; remove the folder to start afresh";
-            break;
+            throw Error(message + "; remove the folder to start afresh");
         case MDB_INVALID:
         case MDB_CORRUPTED:
             throw Damage(message + "; remove the folder to start afresh");
         default:
-            break;
+            throw Error(message);
     }
-    throw Error(message + advice);
 }
 
 void Store::checked(const char* what, int code) const
