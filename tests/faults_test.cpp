@@ -42,11 +42,11 @@ std::string longList(const std::string& lastAppid)
 std::string text;
 std::vector<std::string> apps;
 
-int told[2];
+int received[2];
 template <int which>
 void on(std::string value, void* /*data*/)
 {
-    told[which] += value == kText ? 1 : 0;
+    received[which] += value == kText ? 1 : 0;
 }
 bool add(ZOLStringCallback callback) { return ZOLSystemDataNotifyRegisterOSDCountryCallback(callback, nullptr) == 1; }
 bool remove(ZOLStringCallback callback) { return ZOLSystemDataNotifyUnregisterOSDCountryCallback(callback) == 1; }
@@ -55,14 +55,14 @@ bool remove(ZOLStringCallback callback) { return ZOLSystemDataNotifyUnregisterOS
 const mock::Value kChange = mock::text(kText);
 void change()
 {
-    told[0] = told[1] = 0;
+    received[0] = received[1] = 0;
     mock::fire(kCountry, kChange);
 }
 bool deliver()
 {
     change();
-    REQUIRE(told[0] <= 1 && told[1] <= 1 && told[0] + told[1] >= 1);
-    return told[0] + told[1] == 2;
+    REQUIRE(received[0] <= 1 && received[1] <= 1 && received[0] + received[1] >= 1);
+    return received[0] + received[1] == 2;
 }
 bool enable() { return ZOLSystemDataEnableZOLConcurrentMode(kApp); }
 
@@ -107,8 +107,8 @@ std::vector<std::string> state()
     change();
     std::vector<std::string> all = apps;
     const auto& store = mock::state.store;
-    all.insert(all.end(), {store.at(kLanguage).text, store.at(kList).text, text, std::to_string(told[0]),
-                           std::to_string(told[1])});
+    all.insert(all.end(), {store.at(kLanguage).text, store.at(kList).text, text, std::to_string(received[0]),
+                           std::to_string(received[1])});
     return all;
 }
 

@@ -45,7 +45,7 @@ char two[] = "two";
 char three[] = "three";
 
 // What the callbacks noted since the events were last taken.
-Events told()
+Events received()
 {
     Events noted;
     for (const std::string& event : mock::takeEvents()) {
@@ -107,10 +107,10 @@ Events released(const std::string& topic, Events before)
 }
 
 // Compares the result of a call and all that it did.
-void step(int expected, int result, const Events& events, int line = __builtin_LINE())
+void expectCall(int expected, int result, const Events& events, int line = __builtin_LINE())
 {
     EXPECT_EQ(expected, result) << "in line " << line;
-    mock::did(events, line);
+    mock::expectEvents(events, line);
 }
 
 struct Kind {
@@ -125,24 +125,24 @@ void watchTopic(const Kind& kind, const std::string& name, const std::string& ke
     SCOPED_TRACE(name);
     const auto first = on<Value, 1>, second = on<Value, 2>, third = on<Value, 3>;
     const auto& [type, values] = kind;
-    step(0, remove(first), {});
-    step(1, add(first, one), created(name, key, type, {"vconf_notify_key_changed " + key, kSuccess}));
-    step(1, add(first, two), {added("failed to register callback, it is already existed")});
-    step(1, add(second, two), {kSuccess});
-    step(1, add(third, three), {kSuccess});
+    expectCall(0, remove(first), {});
+    expectCall(1, add(first, one), created(name, key, type, {"vconf_notify_key_changed " + key, kSuccess}));
+    expectCall(1, add(first, two), {added("failed to register callback, it is already existed")});
+    expectCall(1, add(second, two), {kSuccess});
+    expectCall(1, add(third, three), {kSuccess});
     for (const auto& [value, text] : values) {
-        step(1, mock::fire(key, value),
-             {invoked(key), calling(untyped(first)), text + " one", calling(untyped(second)), text + " two",
-              calling(untyped(third)), text + " three"});
+        expectCall(1, mock::fire(key, value),
+                   {invoked(key), calling(untyped(first)), text + " one", calling(untyped(second)), text + " two",
+                    calling(untyped(third)), text + " three"});
     }
-    step(1, remove(first), {kRemoving});
-    step(0, remove(first), {kRemoving, removed("Can't find registered callback")});
+    expectCall(1, remove(first), {kRemoving});
+    expectCall(0, remove(first), {kRemoving, removed("Can't find registered callback")});
     void* const watcher = mock::Locked()->attempted.userData;  // an event is for whom it is handed to, under any name
     mock::deliver({"db/another", VconfCallbackGenerator::VconfCallbackMethod, watcher}, values[0].first);
-    EXPECT_EQ(Events({values[0].second + " two", values[0].second + " three"}), told());
-    step(1, remove(third), {kRemoving});
-    step(1, remove(second),
-         released(name, {kRemoving, removed("nodeList is empty, call "), "vconf_ignore_key_changed " + key}));
+    EXPECT_EQ(Events({values[0].second + " two", values[0].second + " three"}), received());
+    expectCall(1, remove(third), {kRemoving});
+    expectCall(1, remove(second),
+               released(name, {kRemoving, removed("nodeList is empty, call "), "vconf_ignore_key_changed " + key}));
 }
 
 TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
@@ -184,23 +184,23 @@ TEST_F(NotifyTest, RefusalsAreAnsweredAndTheWatcherStaysOrGoes)
     const std::string empty = removed("nodeList is empty, call ");
     mock::refuse("vconf_notify_key_changed");
     mock::refuse("vconf_ignore_key_changed");
-    step(0, addLanguage(nullptr, one), creates({added("callback is NULL")}));
-    step(0, removeLanguage(nullptr), releases({kRemoving, removed("callback is NULL")}));
-    step(0, addLanguage(onText, one), creates({kNotify, added("failed to vconf_notify_key_changed")}));
-    step(0, addLanguage(nullptr, one), {added("callback is NULL")});
-    step(0, removeLanguage(onText), releases({kRemoving, removed("isExistVconfCallback is false")}));
-    step(0, removeLanguage(onText), {});
-    step(1, addLanguage(onText, one), creates({kNotify, kSuccess}));
-    step(0, removeLanguage(onText),
-         {kRemoving, empty, kIgnore, removed("failed to unregister cb for (" + std::string(kLanguage) + ")")});
-    step(0, removeLanguage(onText), {kRemoving, removed("NodeList is emptry")});
-    step(1, addLanguage(onTextToo, two), {kSuccess});  // it is still subscribed
-    step(1, removeLanguage(onTextToo), releases({kRemoving, empty, kIgnore}));
+    expectCall(0, addLanguage(nullptr, one), creates({added("callback is NULL")}));
+    expectCall(0, removeLanguage(nullptr), releases({kRemoving, removed("callback is NULL")}));
+    expectCall(0, addLanguage(onText, one), creates({kNotify, added("failed to vconf_notify_key_changed")}));
+    expectCall(0, addLanguage(nullptr, one), {added("callback is NULL")});
+    expectCall(0, removeLanguage(onText), releases({kRemoving, removed("isExistVconfCallback is false")}));
+    expectCall(0, removeLanguage(onText), {});
+    expectCall(1, addLanguage(onText, one), creates({kNotify, kSuccess}));
+    expectCall(0, removeLanguage(onText),
+               {kRemoving, empty, kIgnore, removed("failed to unregister cb for (" + std::string(kLanguage) + ")")});
+    expectCall(0, removeLanguage(onText), {kRemoving, removed("NodeList is emptry")});
+    expectCall(1, addLanguage(onTextToo, two), {kSuccess});  // it is still subscribed
+    expectCall(1, removeLanguage(onTextToo), releases({kRemoving, empty, kIgnore}));
     std::mutex keyLock;
-    step(0, __unRegisterVconfCallback(nullptr, one, keyLock), {});
+    expectCall(0, __unRegisterVconfCallback(nullptr, one, keyLock), {});
 }
 
-void at(const std::string& event, const std::function<void()>& act)
+void onEvent(const std::string& event, const std::function<void()>& act)
 {
     mock::setHook([=](const std::string& each) {
         if (each == event) {
@@ -216,31 +216,32 @@ TEST_F(NotifyTest, EventsThatCannotBeDeliveredAreLoggedAndCallNobody)
     keynode_t node{"db/k", -1, {}};
     Watcher text(DATA_TYPE_STRING, "db/k");
     Watcher odd(static_cast<DataValueType>(3), "db/odd");
-    const auto logs = [&node](void* watcher, const Events& more) {
+    const auto expectDelivery = [&node](void* watcher, const Events& more) {
         Events all = {invoked("db/k")};
         all.insert(all.end(), more.begin(), more.end());
         mock::takeEvents();
         Watcher::VconfCallbackMethod(&node, watcher);
-        mock::did(all);
+        mock::expectEvents(all);
     };
     EXPECT_EQ("db/k", text.GetVconfPath());
     mock::takeEvents();
     Watcher::VconfCallbackMethod(nullptr, &text);
-    mock::did({delivered("vconf keynode_t is NULL")});
-    logs(nullptr, {delivered("This can not be a null pointer")});
-    logs(&text, {kUnsubscribed});
-    at("vconf_notify_key_changed db/k", [&] { logs(&text, {kUnsubscribed}); });  // a store that calls back at once
+    mock::expectEvents({delivered("vconf keynode_t is NULL")});
+    expectDelivery(nullptr, {delivered("This can not be a null pointer")});
+    expectDelivery(&text, {kUnsubscribed});
+    onEvent("vconf_notify_key_changed db/k",
+            [&] { expectDelivery(&text, {kUnsubscribed}); });  // a store that calls back at once
     EXPECT_EQ(1, text.RegisterCallback(untyped(onText), one));
     EXPECT_EQ(1, odd.RegisterCallback(untyped(onText), one));
     EXPECT_TRUE(text.IsExistVconfCallback());
-    logs(&text, {delivered("vconf keynode_t has no text")});
-    logs(&odd, {delivered("Unknown Type")});
+    expectDelivery(&text, {delivered("vconf keynode_t has no text")});
+    expectDelivery(&odd, {delivered("Unknown Type")});
     for (Watcher* each : {&text, &odd}) {
         mock::refuse("vconf_ignore_key_changed");
         EXPECT_EQ(0, each->UnregisterCallback(untyped(onText)));
     }
-    logs(&text, {});
-    logs(&odd, {delivered("Unknown Type")});
+    expectDelivery(&text, {});
+    expectDelivery(&odd, {delivered("Unknown Type")});
 }
 
 TEST_F(NotifyTest, EveryCallbackIsToldTheValueThatTheEventCameWith)
@@ -253,9 +254,9 @@ TEST_F(NotifyTest, EveryCallbackIsToldTheValueThatTheEventCameWith)
         watcher->RegisterCallback(type == DATA_TYPE_INT ? untyped(changeNumber) : untyped(changeText), &node);
         watcher->RegisterCallback(type == DATA_TYPE_INT ? untyped(on<int, 1>) : untyped(onText), one);
         Watcher::VconfCallbackMethod(&node, watcher.get());
-        EXPECT_EQ(Events{"1 one"}, told());
+        EXPECT_EQ(Events{"1 one"}, received());
         watcher.reset();
-        mock::did({kEnd});  // the subscription stays
+        mock::expectEvents({kEnd});  // the subscription stays
     }
 }
 
@@ -276,7 +277,7 @@ TEST_F(NotifyTest, TheMembersOfAWatcherAreInTheirOrder)
     EXPECT_TRUE(members.nodeList.at(0)->userData == one);
     members.nodeList[0]->callback = nullptr;  // is passed over
     mock::fire("db/k", mock::text("x"));
-    EXPECT_EQ(Events(), told());
+    EXPECT_EQ(Events(), received());
 }
 
 // ---- hazards --------------------------------------------------------------------------------------------------------
@@ -311,7 +312,7 @@ void runAtOnce(const std::vector<std::function<void()>>& bodies)
 void removeLastDuring(const std::function<void()>& other)
 {
     std::thread thread;
-    at(kIgnore, [&] {
+    onEvent(kIgnore, [&] {
         thread = std::thread(other);
         giveWay();
     });
@@ -328,7 +329,7 @@ void stopOther(const std::string& event, const std::function<void()>& other, con
 {
     Stop stop;
     std::atomic<bool> first{true};
-    at(event, [&] {
+    onEvent(event, [&] {
         if (first.exchange(false)) {
             stop.reach();
         }
@@ -340,17 +341,17 @@ void stopOther(const std::string& event, const std::function<void()>& other, con
     stop.go.open();
     thread.join();
     mock::setHook(nullptr);
-    mock::did(rest);
+    mock::expectEvents(rest);
 }
 
 TEST_F(NotifyTest, FirstRegistrationsAtOnceSubscribeOnce)
 {
-    at(kNotify, giveWay);
+    onEvent(kNotify, giveWay);
     for (int round = 0; round < kRounds; ++round) {
         runAtOnce({[] { EXPECT_EQ(1, addLanguage(onText, one)); }, [] { EXPECT_EQ(1, addLanguage(onTextToo, one)); },
                    [] { EXPECT_EQ(1, addLanguage(onTextThree, one)); }});
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-        EXPECT_EQ(Events(3, "x one"), told());
+        EXPECT_EQ(Events(3, "x one"), received());
         for (const auto callback : {onText, onTextToo, onTextThree}) {
             EXPECT_EQ(1, removeLanguage(callback));
         }
@@ -362,22 +363,22 @@ TEST_F(NotifyTest, ARegistrationDuringTheLastRemovalIsSubscribedAndADeliveryCall
     for (int round = 0; round < kRounds; ++round) {
         removeLastDuring([] { EXPECT_EQ(1, addLanguage(onTextToo, two)); });
         ASSERT_EQ(1, mock::fire(kLanguage, mock::text("x")));
-        ASSERT_EQ(Events{"x two"}, told());
+        ASSERT_EQ(Events{"x two"}, received());
         EXPECT_EQ(1, removeLanguage(onTextToo));
         removeLastDuring([] { mock::fire(kLanguage, mock::text("x")); });  // which is past its look at the flag
-        EXPECT_EQ(Events(), told());
+        EXPECT_EQ(Events(), received());
     }
 }
 
 TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
 {
     mock::Subscription late;
-    at(kNotify, [&late] {  // a store that calls back at once
+    onEvent(kNotify, [&late] {  // a store that calls back at once
         late = mock::Locked()->attempted;
         mock::deliver(late, mock::text("early"));
     });
     EXPECT_EQ(1, addLanguage(onText, one));
-    EXPECT_EQ(Events(), told());
+    EXPECT_EQ(Events(), received());
     mock::setHook(nullptr);
     EXPECT_EQ(1, removeLanguage(onText));
     std::fill_n(static_cast<char*>(late.userData), sizeof(Watcher), '\xff');  // to mislead who looks all the same
@@ -385,10 +386,10 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
         EXPECT_EQ(anew ? 1 : 0, anew ? addLanguage(onText, one) : removeLanguage(onText));
         mock::takeEvents();
         mock::deliver(late, mock::text("late"));
-        mock::did({invoked(kLanguage), kUnsubscribed});
+        mock::expectEvents({invoked(kLanguage), kUnsubscribed});
     }
     mock::fire(kLanguage, mock::text("x"));
-    EXPECT_EQ(Events{"x one"}, told());
+    EXPECT_EQ(Events{"x one"}, received());
     EXPECT_EQ(1, removeLanguage(onText));
 }
 
@@ -487,7 +488,7 @@ TEST_F(NotifyTest, TopicsShareNeitherALockNorACacheLine)
 {
     using Notify = ZOLSystemDataNotify;
     std::uintptr_t activated = 0;
-    at(creating("ZOLLanguage", kLanguage), [&] {  // with the language's key lock held
+    onEvent(creating("ZOLLanguage", kLanguage), [&] {  // with the language's key lock held
         activated =
             addressOf(Notify::RegisterZOLActivatedCallback, Notify::UnregisterZOLActivatedCallback, on<bool, 1>);
     });
@@ -525,10 +526,10 @@ TEST_F(NotifyTest, ACallbackThatThrowsOrEndsItsThreadHoldsNothingUp)
         mock::takeEvents();
         std::thread([] { mock::fire(kLanguage, mock::text("x")); }).join();
         events.insert(events.begin(), {invoked(kLanguage), calling(untyped(callback))});
-        mock::did(events);
+        mock::expectEvents(events);
         EXPECT_EQ(1, removeLanguage(callback));
         EXPECT_EQ(1, mock::fire(kLanguage, mock::text("y")));
-        EXPECT_EQ(Events{"y one"}, told());
+        EXPECT_EQ(Events{"y one"}, received());
         EXPECT_EQ(1, removeLanguage(onText));
     }
     EXPECT_EQ(1, addLanguage(onText, one));
@@ -542,7 +543,7 @@ TEST_F(NotifyTest, ACallbackThatThrowsOrEndsItsThreadHoldsNothingUp)
         pointOfCancellation();
         mock::note("not cancelled");
     }).join();
-    mock::did(released("ZOLLanguage", {kRemoving, removed("nodeList is empty, call "), kIgnore}));
+    mock::expectEvents(released("ZOLLanguage", {kRemoving, removed("nodeList is empty, call "), kIgnore}));
 }
 
 }  // namespace

@@ -85,7 +85,7 @@ inline void refuse(const std::string& event) { Locked()->refused.insert(event); 
 inline void put(const std::string& key, const Value& value) { Locked()->store.insert_or_assign(key, value); }
 inline void note(const std::string& event) { Locked()->events.push_back(event); }
 inline Events takeEvents() { return std::exchange(Locked()->events, {}); }
-inline void did(const Events& expected, int line = __builtin_LINE())
+inline void expectEvents(const Events& expected, int line = __builtin_LINE())
 {
     EXPECT_EQ(expected, takeEvents()) << "in line " << line;
 }

@@ -305,14 +305,14 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     const size_t kills = wanted == nullptr ? 40 : numberIn(wanted);
     struct Half {
         const char* key;
-        std::atomic<size_t> acknowledged, found, told;  // the numbers of the latest writes
+        std::atomic<size_t> acknowledged, found, received;  // the numbers of the latest writes
     };
     auto* const halves = static_cast<Half*>(  // zeros
         mmap(nullptr, 2 * sizeof(Half), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     halves[0].key = "db/a", halves[1].key = "memory/a";
     const auto note = [](keynode_t* node, void* half) {
         const size_t n = numberIn(node->value.s);
-        REQUIRE(isWhole(node->value.s) && n >= static_cast<Half*>(half)->told.exchange(n));
+        REQUIRE(isWhole(node->value.s) && n >= static_cast<Half*>(half)->received.exchange(n));
     };
     const Gate ready;
     const pid_t watcher = start([&] {
@@ -343,7 +343,7 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
             half.found = numberIn(text(half.key));
             REQUIRE(isWhole(text(half.key)) && half.found >= half.acknowledged);
         });
-        EXPECT_TRUE(comesTrue([&] { return half.told >= half.found; })) << half.key;
+        EXPECT_TRUE(comesTrue([&] { return half.received >= half.found; })) << half.key;
     }
     std::printf("%zu kills; %zu persistent and %zu volatile writes found\n", kills, halves[0].found.load(),
                 halves[1].found.load());
@@ -388,21 +388,21 @@ TEST_F(StoreTest, ManyProcessesAndThreadsOpenTheStoreAtOnce)
 
 using Lines = std::vector<std::string>;
 
-// What a process was told, as "key=value" in the order of the calls.
-struct Told {
+// Notes what a process is told, as "key=value" in the order of the calls.
+struct Subscriber {
     std::mutex lock;
     Lines lines;
     std::atomic<size_t> count{0};
 
-    static void handler(keynode_t* node, void* told)
+    static void handler(keynode_t* node, void* subscriber)
     {
-        auto* self = static_cast<Told*>(told);
+        auto* self = static_cast<Subscriber*>(subscriber);
         const std::lock_guard<std::mutex> guard(self->lock);
         self->lines.push_back(std::string(node->keyname) + "=" +
                               (node->value.s != nullptr ? node->value.s : std::to_string(node->value.i)));
         self->count = self->lines.size();
     }
-    bool of(const std::string& key) { return watch(key, handler, this); }
+    bool follow(const std::string& key) { return watch(key, handler, this); }
     // Waits for so many lines, and takes them.
     Lines take(size_t wanted)
     {
@@ -416,16 +416,16 @@ struct Told {
 TEST_F(StoreTest, EveryWriteIsToldOnceInOrderWithItsOwnValue)
 {
     inChild([] {
-        Told told;
-        REQUIRE(told.of("memory/a") && told.of("memory/b") && watch("memory/b"));
+        Subscriber subscriber;
+        REQUIRE(subscriber.follow("memory/a") && subscriber.follow("memory/b") && watch("memory/b"));
         Lines expected;
-        std::unique_lock<std::mutex> stalled(told.lock);
+        std::unique_lock<std::mutex> stalled(subscriber.lock);
         for (int i = 0; i < 500; ++i) {
             REQUIRE(put("memory/a", i / 2) && put("memory/unwatched", i) && put("memory/b", std::to_string(i)));
             expected.insert(expected.end(), {"memory/a=" + std::to_string(i / 2), "memory/b=" + std::to_string(i)});
         }
         stalled.unlock();
-        REQUIRE(told.take(expected.size()) == expected);
+        REQUIRE(subscriber.take(expected.size()) == expected);
     });
 }
 
@@ -433,21 +433,21 @@ TEST_F(StoreTest, AProcessFarBehindIsToldTheNewestValueOfEachChangedKeyOnce)
 {
     inChild([] {
         static Gate ready, wrote;
-        Told told;
-        REQUIRE(told.of("memory/a") && told.of("memory/b") && told.of("memory/same"));
-        const auto stop = [](keynode_t*, void* subscriber) {
+        Subscriber subscriber;
+        REQUIRE(subscriber.follow("memory/a") && subscriber.follow("memory/b") && subscriber.follow("memory/same"));
+        const auto stop = [](keynode_t*, void* data) {
             ready.open();
             wrote.pass();
-            REQUIRE(static_cast<Told*>(subscriber)->of("memory/late"));  // too late for the writes so far
+            REQUIRE(static_cast<Subscriber*>(data)->follow("memory/late"));  // too late for the writes so far
         };
-        REQUIRE(watch("memory/stop", stop, &told) && put("memory/stop", 1));
+        REQUIRE(watch("memory/stop", stop, &subscriber) && put("memory/stop", 1));
         ready.pass();
         for (int i = 0; i < 5000; ++i) {
             REQUIRE(put("memory/b", i) && (i % 1000 != 0 || put("memory/late", i)));
         }
         REQUIRE(put("memory/a", "end"));
         wrote.open();
-        REQUIRE((told.take(2) == Lines{"memory/b=4999", "memory/a=end"}));
+        REQUIRE((subscriber.take(2) == Lines{"memory/b=4999", "memory/a=end"}));
     });
     expectLog("fell behind", 1);
 }
@@ -465,10 +465,10 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
             done.pass();
         });
         inChild([&] {
-            Told told;
-            REQUIRE(told.of("db/a"));
+            Subscriber subscriber;
+            REQUIRE(subscriber.follow("db/a"));
             ready.open();
-            REQUIRE((told.take(2) == Lines{"db/a=0", "db/a=1"}));
+            REQUIRE((subscriber.take(2) == Lines{"db/a=0", "db/a=1"}));
         });
         done.open(), done.open();
         EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
@@ -478,17 +478,17 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
 {
     inChild([] {
-        Told told;
-        const auto ending = [](keynode_t* node, void* subscriber) {
-            Told::handler(node, subscriber);
+        Subscriber subscriber;
+        const auto ending = [](keynode_t* node, void* data) {
+            Subscriber::handler(node, data);
             pthread_exit(nullptr);
         };
-        REQUIRE(told.of("db/a") && watch("db/end", ending, &told));
+        REQUIRE(subscriber.follow("db/a") && watch("db/end", ending, &subscriber));
         REQUIRE(put("db/end", 1) && put("db/a", "old"));
-        REQUIRE((told.take(2) == Lines{"db/end=1", "db/a=old"}));
+        REQUIRE((subscriber.take(2) == Lines{"db/end=1", "db/a=old"}));
         fault = Fault::CannotWrite;
         REQUIRE(!put("db/a", 2) && text("db/a") == "old" && put("db/a", 3));
-        REQUIRE(told.take(1) == Lines{"db/a=3"});
+        REQUIRE(subscriber.take(1) == Lines{"db/a=3"});
         _exit(0);  // the delivering thread still uses what is here
     });
     expectLog("anew, since a write was broken off", 3);  // after the handler's end and the write itself
@@ -498,7 +498,7 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
 {
     inChild([] {
         static const Gate done;
-        constexpr int kToldAll = 7;
+        constexpr int kDelivered = 7;
         static const pid_t subscriber = getpid();
         const auto answer = [](keynode_t* node, void*) {
             REQUIRE(getpid() == subscriber);
@@ -510,17 +510,17 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
             if (child == 0) {
                 REQUIRE(put("memory/a", 2));
 #ifdef __SANITIZE_THREAD__
-                _exit(kToldAll);  // its runtime allows no threads in such a child
+                _exit(kDelivered);  // its runtime allows no threads in such a child
 #endif
                 std::thread([] {
-                    const auto end = [](keynode_t*, void*) { _exit(kToldAll); };
+                    const auto end = [](keynode_t*, void*) { _exit(kDelivered); };
                     REQUIRE(comesTrue([] { return access("/proc/self/fd/2", F_OK) != 0; }));  // no main thread
                     REQUIRE(watch("db/b", end) && put("db/b", 1));
                     pause();
                 }).detach();
                 return;  // to the store's own code, which has to end this thread: here it is not the store's
             }
-            REQUIRE(finish(child) == kToldAll && put("memory/a", 3));
+            REQUIRE(finish(child) == kDelivered && put("memory/a", 3));
         };
         REQUIRE(watch("memory/a", answer) && put("memory/a", 1));
         done.pass();  // the child's write

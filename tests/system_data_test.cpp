@@ -77,12 +77,12 @@ struct Trial {
     void operator()(StringSetter set) const
     {
         EXPECT_FALSE(set(""));
-        mock::did({line("setString", "value is empty")});
+        mock::expectEvents({line("setString", "value is empty")});
         mock::refuse("vconf_set_str");  // makes no difference
         for (const std::string& given : texts) {
             const std::string stored(given, 0, given.find('\0'));
             EXPECT_TRUE(set(given));
-            mock::did(
+            mock::expectEvents(
                 {line("setString", "key[" + key + "] Value [" + stored + "]"), "vconf_set_str " + key + "=" + stored});
         }
     }
@@ -94,7 +94,7 @@ struct Trial {
     {
         mock::put(key, stored);
         const bool result = get();
-        mock::did({call + " " + key, message});
+        mock::expectEvents({call + " " + key, message});
         return result;
     }
     void refuses(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
@@ -114,13 +114,13 @@ struct Trial {
             mock::Events expected = {line(function, "key[" + key + "] Value [" + number + "]"),
                                      call + " " + key + "=" + number};
             EXPECT_TRUE(set(value));
-            mock::did(expected);
+            mock::expectEvents(expected);
             expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
             for (const int refusal : {-1, 1}) {
                 mock::Locked()->refusal = refusal;
                 mock::refuse(call);
                 EXPECT_FALSE(set(value));
-                mock::did(expected);
+                mock::expectEvents(expected);
             }
         }
     }
@@ -247,7 +247,7 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
             expected.insert(expected.begin(), "kept");
             EXPECT_EQ(apps.has_value(), form(found));
             EXPECT_EQ(expected, found);
-            mock::did(listing);
+            mock::expectEvents(listing);
         }
         std::vector<std::function<bool(std::string)>> forms = {
             [&mode = mode](const std::string& id) { return SetZOLConcurrentMode(id, mode); }};
@@ -259,7 +259,7 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
         for (const auto& form : forms) {
             store();
             EXPECT_TRUE(form(appid));
-            mock::did(reading);
+            mock::expectEvents(reading);
         }
     }
 }
