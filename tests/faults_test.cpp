@@ -52,7 +52,7 @@ bool add(ZOLStringCallback callback) { return ZOLSystemDataNotifyRegisterOSDCoun
 bool remove(ZOLStringCallback callback) { return ZOLSystemDataNotifyUnregisterOSDCountryCallback(callback) == 1; }
 
 // Changes the watched key. One of the callbacks may go without for lack of memory.
-const mock::Value kChange = mock::text(kText);
+const mock::Value kChange = kText;
 void change()
 {
     received[0] = received[1] = 0;
@@ -107,8 +107,8 @@ std::vector<std::string> state()
     change();
     std::vector<std::string> all = apps;
     const auto& store = mock::state.store;
-    all.insert(all.end(), {store.at(kLanguage).text, store.at(kList).text, text, std::to_string(received[0]),
-                           std::to_string(received[1])});
+    all.insert(all.end(), {std::get<std::string>(store.at(kLanguage)), std::get<std::string>(store.at(kList)), text,
+                           std::to_string(received[0]), std::to_string(received[1])});
     return all;
 }
 

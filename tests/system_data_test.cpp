@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -34,45 +35,28 @@ struct Trial {
     std::string key;
     std::string big = std::string(70000, 'x');
     std::vector<std::string> texts = {"%s%n", big, "\xff\n", "a\0b"s, "\0b"s};  // are stored up to a NUL
+    std::string unread = "failed to get vconf key (" + key + ")";
 
     void operator()(StringGetter get) const
     {
-        std::string value = big;
-        refuses([&] { return get(value); }, "vconf_get_str", mock::text("new"),
-                line("getString", "vconf_get_str is failed"));
-        EXPECT_EQ(big, value);
+        std::vector<std::pair<mock::Value, std::string>> rows;
         for (const std::string& given : texts) {
-            const std::string stored(given, 0, given.find('\0'));
-            EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_str", mock::text(given),
-                              line("getString", "key[" + key + "] Value [" + stored + "]")));
-            EXPECT_EQ(stored, value);
+            rows.emplace_back(given, given.c_str());
         }
+        expectReads<std::string>(get, "vconf_get_str", "getString", big, "vconf_get_str is failed", rows,
+                                 [this](const std::string& value) { return written(value); });
     }
     void operator()(IntGetter get) const
     {
-        int value = 7;
-        refuses([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                line("getInt", "failed to get vconf key (" + key + ")"));
-        EXPECT_EQ(7, value);
-        for (const int stored : {INT_MIN, 0, INT_MAX}) {
-            EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(stored),
-                              line("getInt", "Background volume is " + std::to_string(stored))));
-            EXPECT_EQ(stored, value);
-        }
-        mock::Locked()->writesNumbers = false;
-        EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                          line("getInt", "Background volume is 0")));
-        EXPECT_EQ(0, value);
+        expectReads<int>(get, "vconf_get_int", "getInt", 7, unread,
+                         {{INT_MIN, INT_MIN}, {0, 0}, {INT_MAX, INT_MAX}, {std::monostate(), 0}},
+                         [](int value) { return "Background volume is " + std::to_string(value); });
     }
     void operator()(BoolGetter get) const
     {
-        refuses(get, "vconf_get_bool", mock::boolean(1), line("getBool", "failed to get vconf key (" + key + ")"));
-        for (const int stored : {0, 1, 2, -1}) {
-            const std::string seen = line("getBool", stored == 1 ? "true" : "false");
-            EXPECT_EQ(stored == 1, reads(get, "vconf_get_bool", mock::boolean(stored), seen));
-        }
-        mock::Locked()->writesNumbers = false;
-        EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), line("getBool", "false")));
+        expectReads<bool>([get](bool& value) { return value = get(); }, "vconf_get_bool", "getBool", false, unread,
+                          {{0, false}, {1, true}, {2, false}, {-1, false}, {std::monostate(), false}},
+                          [](bool value) { return value ? "true" : "false"; });
     }
     void operator()(StringSetter set) const
     {
@@ -80,46 +64,53 @@ struct Trial {
         mock::expectEvents({line("setString", "value is empty")});
         mock::refuse("vconf_set_str");  // makes no difference
         for (const std::string& given : texts) {
-            const std::string stored(given, 0, given.find('\0'));
             EXPECT_TRUE(set(given));
             mock::expectEvents(
-                {line("setString", "key[" + key + "] Value [" + stored + "]"), "vconf_set_str " + key + "=" + stored});
+                {line("setString", written(given.c_str())), "vconf_set_str " + key + "=" + given.c_str()});
         }
     }
-    void operator()(IntSetter set) const { writes(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
-    void operator()(BoolSetter set) const { writes(set, "setBool", "vconf_set_bool", {0, 1}); }
+    void operator()(IntSetter set) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
+    void operator()(BoolSetter set) const { expectWrites(set, "setBool", "vconf_set_bool", {0, 1}); }
 
-    bool reads(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
-               const std::string& message) const
+    // What the log says of a text that is written, and of one that is read.
+    std::string written(const std::string& value) const { return "key[" + key + "] Value [" + value + "]"; }
+
+    // The rows are what is stored and what is read then.
+    template <class Value>
+    void expectReads(const std::function<bool(Value&)>& get, const std::string& call, const std::string& function,
+                     const Value& kept, const std::string& failure,
+                     const std::vector<std::pair<mock::Value, Value>>& rows,
+                     const std::function<std::string(const Value&)>& message) const
     {
-        mock::put(key, stored);
-        const bool result = get();
-        mock::expectEvents({call + " " + key, message});
-        return result;
-    }
-    void refuses(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
-                 const std::string& message) const
-    {
+        Value value = kept;
         for (const int refusal : {-1, 1}) {
-            mock::Locked()->refusal = refusal;
-            mock::refuse(call);
-            EXPECT_FALSE(reads(get, call, stored, message));
+            mock::put(key, 1);
+            mock::refuse(call, refusal);
+            EXPECT_FALSE(get(value));
+            EXPECT_EQ(kept, value);
+            mock::expectEvents({call + " " + key, line(function, failure)});
+        }
+        for (const auto& [stored, expected] : rows) {
+            mock::put(key, stored);
+            const bool result = !std::is_same_v<Value, bool> || expected != Value();  // a switch is its own result
+            EXPECT_EQ(result, get(value));
+            EXPECT_EQ(expected, value);
+            mock::expectEvents({call + " " + key, line(function, message(expected))});
         }
     }
     template <class Set>
-    void writes(Set set, const std::string& function, const std::string& call, const std::vector<int>& values) const
+    void expectWrites(Set set, const std::string& function, const std::string& call,
+                      const std::vector<int>& values) const
     {
         for (const int value : values) {
-            const std::string number = std::to_string(value);
-            mock::Events expected = {line(function, "key[" + key + "] Value [" + number + "]"),
-                                     call + " " + key + "=" + number};
-            EXPECT_TRUE(set(value));
-            mock::expectEvents(expected);
-            expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
-            for (const int refusal : {-1, 1}) {
-                mock::Locked()->refusal = refusal;
-                mock::refuse(call);
-                EXPECT_FALSE(set(value));
+            for (const int result : {0, -1, 1}) {
+                const std::string number = std::to_string(value);
+                mock::Events expected = {line(function, written(number)), call + " " + key + "=" + number};
+                if (result != 0) {
+                    expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
+                }
+                mock::refuse(call, result);
+                EXPECT_EQ(result == 0, set(value));
                 mock::expectEvents(expected);
             }
         }
@@ -175,18 +166,13 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
     tryAll("db/setting/ambient_mode", BOTH(GetAmbientMode));
 }
 
+// tests/fuzz tries more lists.
 TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
 {
     using Texts = std::vector<std::string>;
     const std::string key = "db/multi-assistant/alexa_language";
-    const std::string app = R"({"appid":"a","concurrent":"on"})";
-    const std::string fresh = "[" + app + "]", another = R"({"appid":"b","concurrent":"off"})";
-    std::string deep, end;  // 300,000 levels
-    for (int i = 0; i < 150000; ++i) {
-        deep += R"([{"m":)";
-        end += "}]";
-    }
-    deep += "0" + end;
+    const std::string app = R"({"appid":"a","concurrent":"on"})", list = "[" + app + "]";
+    const std::string deep = std::string(300000, '[') + std::string(300000, ']');
     struct Row {
         std::optional<std::string> before;
         std::optional<Texts> apps;  // none when that is no list
@@ -194,51 +180,29 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
         std::string appid, mode, after;
     };
     const Row rows[] = {
-        {std::nullopt, std::nullopt, "json parsing is failed", "a", "on", fresh},
-        {"[] %s%n", std::nullopt, "json parsing is failed", "a\0b"s, "on", fresh},
-        {app, std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
-        {fresh, Texts{"a"}, "", "b", "off", "[" + app + "," + another + "]"},
-        {R"({"x":[)" + app + "]}", std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
-        {"[" + app + ",]", std::nullopt, "json parsing is failed", "b", "on", R"([{"appid":"b","concurrent":"on"}])"},
-        {"[]", Texts{}, "", "a", "on", fresh},
+        {std::nullopt, std::nullopt, "json parsing is failed", "a", "on", list},
+        {"[] %s%n", std::nullopt, "json parsing is failed", "a", "on", list},
+        {app, std::nullopt, "json is invalid (root.isArray())", "a", "on", list},
+        {list, Texts{"a"}, "", "b", "%s%n", "[" + app + R"(,{"appid":"b","concurrent":"%s%n"}])"},
         {"[" + deep + R"(,{"concurrent":)" + deep + R"(,"appid":"b"},)" + app + "]", Texts{"a"}, "", "b", "off",
          "[" + deep + R"(,{"concurrent":"off","appid":"b"},)" + app + "]"},
-        // Only the first member of a name counts, and a text only up to its NUL.
-        {R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"on\u0000","concurrent":"off","x":1},)"
-         R"(["a","on"],{"concurrent":"on"}])",
-         Texts{"b", "a"}, "", "a", "off",
-         R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"off","concurrent":"off","x":1},)"
-         R"(["a","on"],{"concurrent":"on"}])"},
-        {R"([ { "appid" : "a" , "x" : 1e2 } , { "appid" : "" , "concurrent" : "on" } , -1.7976931348623159e308 ])",
-         Texts{""}, "", "a", "off",
-         R"([{"appid":"a","x":100.0,"concurrent":"off"},{"appid":"","concurrent":"on"},-1.7976931348623157e308])"},
-        {R"([{"appid":"","concurrent":7}])", Texts{}, "", "", "on",
-         R"([{"appid":"","concurrent":7},{"appid":"","concurrent":"on"}])"},
-        {"[" + app + "," + another + "," + app + "]", Texts{"a", "a"}, "", "b", "%s%n",
-         "[" + app + R"(,{"appid":"b","concurrent":"%s%n"},)" + app + "]"},
     };
     for (const auto& [before, apps, message, appid, mode, after] : rows) {
-        mock::Events reading = {"vconf_get_str " + key, line("getString", "vconf_get_str is failed")};
-        mock::Events listing = reading;
-        if (before) {
-            reading[1] = line("getString", "key[" + key + "] Value [" + *before + "]");
-            listing = reading;
-        }
+        const std::string read = before ? "key[" + key + "] Value [" + *before + "]" : "vconf_get_str is failed";
+        mock::Events listing = {"vconf_get_str " + key, line("getString", read)}, changing = listing;
         if (before && !apps) {
             listing.push_back(line("GetZOLConcurrentAppList", "data is not valid : " + *before));
         }
         if (!message.empty()) {
-            reading.push_back(line("SetZOLConcurrentMode", message));
+            changing.push_back(line("SetZOLConcurrentMode", message));
         }
-        reading.push_back(line("setString", "key[" + key + "] Value [" + after + "]"));
-        reading.push_back("vconf_set_str " + key + "=" + after);
+        changing.push_back(line("setString", "key[" + key + "] Value [" + after + "]"));
+        changing.push_back("vconf_set_str " + key + "=" + after);
 
         const auto store = [&key, &text = before] {
             mock::reset();
             if (text) {
-                mock::put(key, mock::text(*text));
+                mock::put(key, *text);
             }
         };
         for (const auto form : {ZOLSystemData::GetZOLConcurrentAppList, ZOLSystemDataGetZOLConcurrentAppList}) {
@@ -259,7 +223,7 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
         for (const auto& form : forms) {
             store();
             EXPECT_TRUE(form(appid));
-            mock::expectEvents(reading);
+            mock::expectEvents(changing);
         }
     }
 }
