@@ -10,10 +10,8 @@
 #include <cstdint>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <thread>
-#include <tuple>
 
 #include "VconfCallbackGenerator.h"
 #include "ZOLSystemDataNotify.h"
@@ -22,6 +20,7 @@
 #include "platform_mock.h"
 
 using mock::Events;
+using mock::operator+;
 
 namespace {
 
@@ -82,12 +81,6 @@ const std::string kEnd = "VconfCallbackGenerator.cpp: ~VconfCallbackGenerator: \
 const std::string kEmpty = removed("nodeList is empty, call ");
 const std::string kSuccess = added("RegisterCallback SUCCESS");
 const std::string kUnsubscribed = delivered("isExistVconfCallback is FALSE");
-
-Events operator+(Events first, const Events& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 // The making of a topic's watcher, and its release.
 Events created(const std::string& topic, const std::string& key, int type)

@@ -34,7 +34,14 @@ inline std::string line(const std::string& file, const std::string& function, co
     return file + ": " + function + ": DLOG_ERROR \"" + message + "\"\n";
 }
 
-// The number of a boolean may be any. A read of std::monostate succeeds without writing to its output.
+inline Events operator+(Events first, const Events& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// The number of a boolean may be any. With std::monostate the read of a number succeeds and writes nothing, and that of
+// a text finds none.
 using Value = std::variant<std::monostate, int, std::string>;
 
 struct Subscription {
@@ -164,7 +171,8 @@ char* vconf_get_str(const char* key)
 {
     const mock::Inside here;
     const auto [refusal, value] = mock::get(__func__, key);
-    return refusal == 0 ? strdup(std::get<std::string>(value).c_str()) : nullptr;
+    const std::string* const text = std::get_if<std::string>(&value);
+    return refusal == 0 && text != nullptr ? strdup(text->c_str()) : nullptr;
 }
 int vconf_set_str(const char* key, const char* value)
 {

@@ -3,17 +3,14 @@
 #include <rapidjson/document.h>
 
 #include <climits>
-#include <functional>
-#include <optional>
-#include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "ZOLJson.h"
 #include "capi-zol-tv.h"
 #include "platform_mock.h"
 
+using mock::Events;
+using mock::operator+;
 using namespace std::string_literals;
 
 namespace {
@@ -65,8 +62,7 @@ struct Trial {
         mock::refuse("vconf_set_str");  // makes no difference
         for (const std::string& given : texts) {
             EXPECT_TRUE(set(given));
-            mock::expectEvents(
-                {line("setString", written(given.c_str())), "vconf_set_str " + key + "=" + given.c_str()});
+            mock::expectEvents(writing(given.c_str()));
         }
     }
     void operator()(IntSetter set) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
@@ -74,6 +70,11 @@ struct Trial {
 
     // What the log says of a text that is written, and of one that is read.
     std::string written(const std::string& value) const { return "key[" + key + "] Value [" + value + "]"; }
+    Events writing(const std::string& value, const std::string& function = "setString",
+                   const std::string& call = "vconf_set_str") const
+    {
+        return {line(function, written(value)), call + " " + key + "=" + value};
+    }
 
     // The rows are what is stored and what is read then.
     template <class Value>
@@ -104,14 +105,10 @@ struct Trial {
     {
         for (const int value : values) {
             for (const int result : {0, -1, 1}) {
-                const std::string number = std::to_string(value);
-                mock::Events expected = {line(function, written(number)), call + " " + key + "=" + number};
-                if (result != 0) {
-                    expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
-                }
                 mock::refuse(call, result);
                 EXPECT_EQ(result == 0, set(value));
-                mock::expectEvents(expected);
+                const Events failing(result == 0 ? 0 : 1, line(function, "failed to set vconf key (" + key + ")"));
+                mock::expectEvents(writing(std::to_string(value), function, call) + failing);
             }
         }
     }
@@ -169,61 +166,51 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
 // tests/fuzz tries more lists.
 TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
 {
-    using Texts = std::vector<std::string>;
-    const std::string key = "db/multi-assistant/alexa_language";
-    const std::string app = R"({"appid":"a","concurrent":"on"})", list = "[" + app + "]";
+    const Trial trial{"db/multi-assistant/alexa_language"};
+    const std::string app = R"({"appid":"a","concurrent":"on"})";
     const std::string deep = std::string(300000, '[') + std::string(300000, ']');
     struct Row {
-        std::optional<std::string> before;
-        std::optional<Texts> apps;  // none when that is no list
-        std::string message;        // of the change
-        std::string appid, mode, after;
+        std::string before;  // if any
+        std::string reason;  // why that is no list
+        std::vector<std::string> apps;
+        std::string head, tail;  // of the list with an entry for "b"
     };
     const Row rows[] = {
-        {std::nullopt, std::nullopt, "json parsing is failed", "a", "on", list},
-        {"[] %s%n", std::nullopt, "json parsing is failed", "a", "on", list},
-        {app, std::nullopt, "json is invalid (root.isArray())", "a", "on", list},
-        {list, Texts{"a"}, "", "b", "%s%n", "[" + app + R"(,{"appid":"b","concurrent":"%s%n"}])"},
-        {"[" + deep + R"(,{"concurrent":)" + deep + R"(,"appid":"b"},)" + app + "]", Texts{"a"}, "", "b", "off",
-         "[" + deep + R"(,{"concurrent":"off","appid":"b"},)" + app + "]"},
+        {"", "json parsing is failed", {"kept"}, "[", "]"},
+        {"[] %s%n", "json parsing is failed", {"kept"}, "[", "]"},
+        {app, "json is invalid (root.isArray())", {"kept"}, "[", "]"},
+        {"[" + app + "]", "", {"kept", "a"}, "[" + app + ",", "]"},
+        {"[" + deep + R"(,{"appid":"b","concurrent":)" + deep + "}," + app + "]",
+         "",
+         {"kept", "a"},
+         "[" + deep + ",",
+         "," + app + "]"},
     };
-    for (const auto& [before, apps, message, appid, mode, after] : rows) {
-        const std::string read = before ? "key[" + key + "] Value [" + *before + "]" : "vconf_get_str is failed";
-        mock::Events listing = {"vconf_get_str " + key, line("getString", read)}, changing = listing;
-        if (before && !apps) {
-            listing.push_back(line("GetZOLConcurrentAppList", "data is not valid : " + *before));
-        }
-        if (!message.empty()) {
-            changing.push_back(line("SetZOLConcurrentMode", message));
-        }
-        changing.push_back(line("setString", "key[" + key + "] Value [" + after + "]"));
-        changing.push_back("vconf_set_str " + key + "=" + after);
-
-        const auto store = [&key, &text = before] {
-            mock::reset();
-            if (text) {
-                mock::put(key, *text);
-            }
-        };
+    const std::pair<std::string, std::function<bool(std::string)>> forms[] = {
+        {"on", ZOLSystemData::EnableZOLConcurrentMode},
+        {"on", ZOLSystemDataEnableZOLConcurrentMode},
+        {"off", ZOLSystemData::DisableZOLConcurrentMode},
+        {"off", ZOLSystemDataDisableZOLConcurrentMode},
+        {"%s%n", [](const std::string& appid) { return SetZOLConcurrentMode(appid, "%s%n"); }},
+    };
+    for (const auto& [before, reason, apps, head, tail] : rows) {
+        const mock::Value stored = before.empty() ? mock::Value() : before;
+        const std::string read = before.empty() ? "vconf_get_str is failed" : trial.written(before);
+        const Events reading = {"vconf_get_str " + trial.key, line("getString", read)};
+        const Events invalid = {line("GetZOLConcurrentAppList", "data is not valid : " + before)};
+        const Events replacing = {line("SetZOLConcurrentMode", reason)};
         for (const auto form : {ZOLSystemData::GetZOLConcurrentAppList, ZOLSystemDataGetZOLConcurrentAppList}) {
-            store();
-            Texts expected = apps.value_or(Texts()), found = {"kept"};
-            expected.insert(expected.begin(), "kept");
-            EXPECT_EQ(apps.has_value(), form(found));
-            EXPECT_EQ(expected, found);
-            mock::expectEvents(listing);
+            mock::put(trial.key, stored);
+            std::vector<std::string> found = {"kept"};
+            EXPECT_EQ(reason.empty(), form(found));
+            EXPECT_EQ(apps, found);
+            mock::expectEvents(before.empty() || reason.empty() ? reading : reading + invalid);
         }
-        std::vector<std::function<bool(std::string)>> forms = {
-            [&mode = mode](const std::string& id) { return SetZOLConcurrentMode(id, mode); }};
-        if (mode == "on") {
-            forms.insert(forms.end(), {ZOLSystemData::EnableZOLConcurrentMode, ZOLSystemDataEnableZOLConcurrentMode});
-        } else if (mode == "off") {
-            forms.insert(forms.end(), {ZOLSystemData::DisableZOLConcurrentMode, ZOLSystemDataDisableZOLConcurrentMode});
-        }
-        for (const auto& form : forms) {
-            store();
-            EXPECT_TRUE(form(appid));
-            mock::expectEvents(changing);
+        for (const auto& [mode, form] : forms) {
+            mock::put(trial.key, stored);
+            EXPECT_TRUE(form("b"));
+            const std::string after = head + R"({"appid":"b","concurrent":")" + mode + "\"}" + tail;
+            mock::expectEvents((reason.empty() ? reading : reading + replacing) + trial.writing(after));
         }
     }
 }

@@ -5,28 +5,20 @@ set -euo pipefail
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 prefix=$scratch/prefix
+fail() { echo "FAILED: $*" && exit 1; }
 
 cmake --install "$2" --component desk --prefix "$prefix" >"$scratch/log"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vconf.pc)")
 export PKG_CONFIG_PATH
 sed -i 's/struct keynode_t/struct tv_keynode/' "$(find "$prefix" -name vconf.h)" # a TV's record may have any tag
-if ! { cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=OFF -DBUILD_TESTING=OFF &&
-    cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1; then
-    cat "$scratch/log"
-    echo "FAILED: the library does not build"
-    exit 1
-fi
+{ cmake -S "$1" -B "$scratch/build" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=OFF -DBUILD_TESTING=OFF &&
+    cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1 ||
+    fail "the library does not build: $(<"$scratch/log")"
 
-if ! grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$scratch/build/lib/libcapi-zol-tv.so")"; then
-    echo "FAILED: the library does not export VconfCallbackMethod for the prefix's record"
-    exit 1
-fi
-libraries=$(ldd "$scratch/build/lib/libcapi-zol-tv.so")
-if [ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" != 2 ]; then
-    echo "FAILED: the library does not link the prefix's platform: $libraries"
-    exit 1
-fi
-if find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep .; then
-    echo "FAILED: the stand-ins above were built as well"
-    exit 1
-fi
+library=$scratch/build/lib/libcapi-zol-tv.so
+grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$library")" ||
+    fail "the library does not export VconfCallbackMethod for the prefix's record"
+libraries=$(ldd "$library")
+[ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" = 2 ] ||
+    fail "the library does not link the prefix's platform: $libraries"
+! find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep . || fail "the stand-ins above were built as well"
