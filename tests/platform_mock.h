@@ -18,7 +18,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -48,10 +47,7 @@ struct Subscription {
     std::string key;
     vconf_callback_fn handler = nullptr;
     void* userData = nullptr;
-    bool operator<(const Subscription& other) const
-    {
-        return std::tie(key, handler) < std::tie(other.key, other.handler);
-    }
+    bool operator<(const Subscription& other) const { return key < other.key; }  // the library has one handler
 };
 
 struct State {
