@@ -28,19 +28,19 @@ class NotifyTest : public testing::Test {
     void SetUp() override { mock::reset(); }
 };
 
-// Notes "value data" among the events; the user data is a text. The number makes distinct callbacks.
+// Notes "value data" among the events; the user data is a text. Changes the event, of which the next callback sees
+// nothing. The number makes distinct callbacks.
 template <class Value, int>
 void on(Value value, void* data)
 {
     std::ostringstream text;
     text << std::boolalpha << value << " " << static_cast<const char*>(data);
     mock::note(text.str());
+    mock::record->value = {2, "changed"};
 }
 constexpr auto onText = on<std::string, 1>;
 constexpr auto onTextToo = on<std::string, 2>;
-char one[] = "one";
-char two[] = "two";
-char three[] = "three";
+char one[] = "one", two[] = "two", three[] = "three";
 
 // What the callbacks noted since the events were last taken.
 Events received()
@@ -101,10 +101,8 @@ void expectCall(int expected, int result, const Events& events, int line = __bui
     mock::expectEvents(events, line);
 }
 
-struct Kind {
-    int type = 0;
-    std::vector<std::pair<mock::Value, std::string>> values;  // and what the callbacks are told
-};
+// A type, and values with what the callbacks are told.
+using Kind = std::pair<int, std::vector<std::pair<mock::Value, std::string>>>;
 
 template <class Value>
 void watchTopic(const Kind& kind, const std::string& name, const std::string& key,
@@ -222,24 +220,6 @@ TEST_F(NotifyTest, EventsThatCannotBeDeliveredAreLoggedAndCallNobody)
     }
     expectDelivery(&node, &text, {});
     expectDelivery(&node, &odd, {delivered("Unknown Type")});
-}
-
-TEST_F(NotifyTest, EveryCallbackIsToldTheValueThatTheEventCameWith)
-{
-    const auto change = [](auto /*value*/, void* node) { static_cast<keynode_t*>(node)->value = {2, "2"}; };
-    const std::tuple<DataValueType, void*, void*> rows[] = {
-        {DATA_TYPE_INT, untyped<ZOLIntCallback>(change), untyped(on<int, 1>)},
-        {DATA_TYPE_STRING, untyped<ZOLStringCallback>(change), untyped(onText)}};
-    for (const auto& [type, changing, next] : rows) {
-        mock::reset();
-        keynode_t node{"db/k", -1, {1, "1"}};
-        Watcher watcher(type, "db/k");
-        watcher.RegisterCallback(changing, &node);
-        watcher.RegisterCallback(next, one);
-        Watcher::VconfCallbackMethod(&node, &watcher);
-        EXPECT_EQ(Events{"1 one"}, received());
-    }
-    mock::expectEvents({kEnd});  // the subscription stays
 }
 
 // Programs that were built with the class know where its members are.
@@ -360,6 +340,7 @@ TEST_F(NotifyTest, ARemovalAndTheEndOfAWatcherWaitForTheCallback)
     own->RegisterCallback(untyped(onText), one);
     expectToWait(
         "x one", [] { mock::fire("db/k", "x"); }, [&own] { own.reset(); });
+    EXPECT_EQ(1U, mock::Locked()->subscriptions.size());  // it stays
     addLanguage(onText, one);
     expectToWait(
         "x one", [] { mock::fire(kLanguage, "x"); }, [] { EXPECT_EQ(1, removeLanguage(onText)); },
@@ -368,13 +349,8 @@ TEST_F(NotifyTest, ARemovalAndTheEndOfAWatcherWaitForTheCallback)
 
 TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAThreadIsInsideIt)
 {
-    struct Row {
-        int isSubscribed;  // at first
-        std::string event;
-        std::function<void()> inside;
-        Events rest;
-    };
-    const Row rows[] = {
+    // Whether the watcher is subscribed at first, where a thread is inside it, what that one does, and the events then.
+    const std::tuple<int, std::string, std::function<void()>, Events> rows[] = {
         // a dispatch that finds the watcher unsubscribed
         {0, kUnsubscribed, [] { mock::deliver(mock::attempted(), "x"); }, kReleased},
         // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed

@@ -20,13 +20,6 @@ std::string line(const std::string& function, const std::string& message)
     return mock::line("ZOLSystemDataClass.cpp", function, message);
 }
 
-using StringGetter = bool (*)(std::string&);
-using StringSetter = bool (*)(std::string);
-using IntGetter = bool (*)(int&);
-using IntSetter = bool (*)(int);
-using BoolGetter = bool (*)();
-using BoolSetter = bool (*)(bool);
-
 // Takes an operation through its results, and looks at all that it does, to its key and to no other.
 struct Trial {
     std::string key;
@@ -34,7 +27,7 @@ struct Trial {
     std::vector<std::string> texts = {"%s%n", big, "\xff\n", "a\0b"s, "\0b"s};  // are stored up to a NUL
     std::string unread = "failed to get vconf key (" + key + ")";
 
-    void operator()(StringGetter get) const
+    void operator()(bool (*get)(std::string&)) const
     {
         std::vector<std::pair<mock::Value, std::string>> rows;
         for (const std::string& given : texts) {
@@ -43,19 +36,19 @@ struct Trial {
         expectReads<std::string>(get, "vconf_get_str", "getString", big, "vconf_get_str is failed", rows,
                                  [this](const std::string& value) { return written(value); });
     }
-    void operator()(IntGetter get) const
+    void operator()(bool (*get)(int&)) const
     {
         expectReads<int>(get, "vconf_get_int", "getInt", 7, unread,
                          {{INT_MIN, INT_MIN}, {0, 0}, {INT_MAX, INT_MAX}, {std::monostate(), 0}},
                          [](int value) { return "Background volume is " + std::to_string(value); });
     }
-    void operator()(BoolGetter get) const
+    void operator()(bool (*get)()) const
     {
         expectReads<bool>([get](bool& value) { return value = get(); }, "vconf_get_bool", "getBool", false, unread,
                           {{0, false}, {1, true}, {2, false}, {-1, false}, {std::monostate(), false}},
                           [](bool value) { return value ? "true" : "false"; });
     }
-    void operator()(StringSetter set) const
+    void operator()(bool (*set)(std::string)) const
     {
         EXPECT_FALSE(set(""));
         mock::expectEvents({line("setString", "value is empty")});
@@ -65,8 +58,8 @@ struct Trial {
             mock::expectEvents(writing(given.c_str()));
         }
     }
-    void operator()(IntSetter set) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
-    void operator()(BoolSetter set) const { expectWrites(set, "setBool", "vconf_set_bool", {0, 1}); }
+    void operator()(bool (*set)(int)) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
+    void operator()(bool (*set)(bool)) const { expectWrites(set, "setBool", "vconf_set_bool", {0, 1}); }
 
     // What the log says of a text that is written, and of one that is read.
     std::string written(const std::string& value) const { return "key[" + key + "] Value [" + value + "]"; }
