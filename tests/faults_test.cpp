@@ -24,12 +24,11 @@ const std::string kLanguage = "db/multi-assistant/zol_language";
 const std::string kList = "db/multi-assistant/alexa_language";
 const std::string kCountry = "db/comss/countrycode";  // is watched
 
-const std::string kAnother = R"({"appid":"com.example.another.app","concurrent":"on"})";  // the list outgrows a block
 std::string longList(const std::string& lastAppid)
 {
     std::string list = "[";
     for (int i = 0; i < 40; ++i) {
-        list += kAnother + ",";
+        list += R"({"appid":"com.example.another.app","concurrent":"on"},)";  // the list outgrows a block
     }
     return list + R"({"appid":")" + lastAppid + R"(","concurrent":"off"}])";
 }

@@ -45,20 +45,14 @@ char one[] = "one", two[] = "two", three[] = "three";
 // What the callbacks noted since the events were last taken.
 Events received()
 {
-    Events noted;
-    for (const std::string& event : mock::takeEvents()) {
-        if (event.find(".cpp: ") == std::string::npos && event.find("vconf_") != 0) {
-            noted.push_back(event);
-        }
-    }
+    Events all = mock::takeEvents(), noted;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(noted), [](const std::string& event) {
+        return event.find(".cpp: ") == std::string::npos && event.find("vconf_") != 0;
+    });
     return noted;
 }
 
-template <class Callback>
-void* untyped(Callback callback)
-{
-    return reinterpret_cast<void*>(callback);
-}
+const auto untyped = [](auto callback) { return reinterpret_cast<void*>(callback); };
 
 constexpr char kRegistry[] = "ZOLSystemDataNotifyClass.cpp";
 std::string watcherLine(const std::string& function, const std::string& message)
@@ -70,11 +64,9 @@ std::string removed(const std::string& message) { return watcherLine("Unregister
 std::string delivered(const std::string& message) { return watcherLine("VconfCallbackMethod", message); }
 std::string invoked(const std::string& key) { return delivered("Vconf cb invoked : " + key); }
 
-template <class Callback>
-std::string calling(Callback callback, const std::string& what = "call cb")
-{
+const auto calling = [](auto callback, const std::string& what = "call cb") {
     return delivered(what + " (" + testing::PrintToString(untyped(callback)) + ")");
-}
+};
 
 const std::string kRemoving = "VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"\n";
 const std::string kEnd = "VconfCallbackGenerator.cpp: ~VconfCallbackGenerator: \"Start\"\n";
@@ -183,10 +175,12 @@ TEST_F(NotifyTest, RefusalsAreAnsweredAndTheWatcherStaysOrGoes)
     expectCall(0, __unRegisterVconfCallback(nullptr, one, keyLock), {});
 }
 
+// Does something at the next event of that kind.
 void onEvent(const std::string& event, const std::function<void()>& act)
 {
     mock::setHook([=](const std::string& each) {
         if (each == event) {
+            mock::setHook(nullptr);
             act();
         }
     });
@@ -254,20 +248,15 @@ void giveWay() { std::this_thread::sleep_for(std::chrono::microseconds(100)); }
 void stopAt(const std::string& event, const std::function<void()>& body, const std::function<void()>& meanwhile)
 {
     const Gate reached, go;
-    std::atomic<bool> first{true};
     onEvent(event, [&] {
-        if (first.exchange(false)) {
-            reached.open();
-            go.pass();
-        }
+        reached.open();
+        go.pass();
     });
-    std::thread thread(body);
+    const auto stopped = std::async(std::launch::async, body);
     reached.pass();
     meanwhile();
     mock::takeEvents();
     go.open();
-    thread.join();
-    mock::setHook(nullptr);
 }
 
 // The same; another thread, which runs `waiting`, has to wait for the one that is stopped.
@@ -320,7 +309,6 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
     });
     EXPECT_EQ(1, addLanguage(onText, one));
     EXPECT_EQ(Events(), received());
-    mock::setHook(nullptr);
     EXPECT_EQ(1, removeLanguage(onText));
     std::fill_n(static_cast<char*>(late.userData), sizeof(Watcher), '\xff');  // to mislead who looks all the same
     for (const bool anew : {false, true}) {
@@ -404,13 +392,12 @@ TEST_F(NotifyTest, TopicsShareNeitherALockNorACacheLine)
         };
         return std::min(next(), next());
     };
-    std::uintptr_t activated = 0;
+    std::uintptr_t other = 0;
     onEvent(kCreated[0], [&] {  // with the language's key lock held
-        activated =
-            addressOf(Notify::RegisterZOLActivatedCallback, Notify::UnregisterZOLActivatedCallback, on<bool, 1>);
+        other = addressOf(Notify::RegisterZOLActivatedCallback, Notify::UnregisterZOLActivatedCallback, on<bool, 1>);
     });
     const std::uintptr_t language = addressOf(addLanguage, removeLanguage, onText);
-    EXPECT_EQ(0U, (language - activated) % 64);
+    EXPECT_EQ(0U, (language - other) % 64);
 }
 
 // Cancels a thread as pthread_testcancel does, but AddressSanitizer knows of pthread_exit that the stack ends with it.

@@ -15,7 +15,6 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <utility>
 #include <variant>
@@ -46,15 +45,14 @@ struct Subscription {
     std::string key;
     vconf_callback_fn handler = nullptr;
     void* userData = nullptr;
-    bool operator<(const Subscription& other) const { return key < other.key; }  // the library has one handler
 };
 
 struct State {
     std::map<std::string, Value> store;
     std::map<std::string, int> refused;  // functions whose next call fails, and what they return
     Events events;
-    std::set<Subscription> subscriptions;
-    Subscription attempted;  // the latest, accepted or not
+    std::map<std::string, Subscription> subscriptions;  // by their keys
+    Subscription attempted;                             // the latest, accepted or not
     // Is called on the thread of each event, before a call of the store takes effect or is refused.
     std::function<void(const std::string& event)> hook;
 };
@@ -100,18 +98,16 @@ inline void deliver(const Subscription& to, const Value& value)
     to.handler(&node, to.userData);
 }
 
-// Delivers to all that are subscribed to the key, and returns how many those are.
+// Delivers to the subscription of the key, and returns how many there are.
 inline int fire(const std::string& key, const Value& value)
 {
-    int called = 0;
     const auto subscriptions = (Inside(), Locked()->subscriptions);
-    for (const Subscription& each : subscriptions) {
-        if (each.key == key) {
-            deliver(each, value);
-            ++called;
-        }
+    const auto found = subscriptions.find(key);
+    if (found == subscriptions.end()) {
+        return 0;
     }
-    return called;
+    deliver(found->second, value);
+    return 1;
 }
 
 // ---- the platform's functions ---------------------------------------------------------------------------------------
@@ -147,19 +143,16 @@ inline int getNumber(const char* function, const char* key, int* number)
     return refusal;
 }
 
-inline int set(const char* function, const char* key, const std::string& text, const Value& value)
-{
-    const int refusal = note(std::string(function) + " " + key + "=" + text);
-    if (refusal == 0) {
-        put(key, value);
-    }
-    return refusal;
-}
-
-inline int setNumber(const char* function, const char* key, int number)
+// Writes the text or, without one, the number.
+inline int set(const char* function, const char* key, int number, const char* text = nullptr)
 {
     const Inside here;
-    return set(function, key, std::to_string(number), number);
+    const std::string value = text == nullptr ? std::to_string(number) : text;
+    const int refusal = note(std::string(function) + " " + key + "=" + value);
+    if (refusal == 0) {
+        put(key, text == nullptr ? Value(number) : value);
+    }
+    return refusal;
 }
 
 }  // namespace mock
@@ -171,15 +164,11 @@ char* vconf_get_str(const char* key)
     const std::string* const text = std::get_if<std::string>(&value);
     return refusal == 0 && text != nullptr ? strdup(text->c_str()) : nullptr;
 }
-int vconf_set_str(const char* key, const char* value)
-{
-    const mock::Inside here;
-    return mock::set(__func__, key, value, value);
-}
+int vconf_set_str(const char* key, const char* value) { return mock::set(__func__, key, 0, value); }
 int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, value); }
-int vconf_set_int(const char* key, int value) { return mock::setNumber(__func__, key, value); }
+int vconf_set_int(const char* key, int value) { return mock::set(__func__, key, value); }
 int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, value); }
-int vconf_set_bool(const char* key, int value) { return mock::setNumber(__func__, key, value); }
+int vconf_set_bool(const char* key, int value) { return mock::set(__func__, key, value); }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
 {
@@ -187,14 +176,15 @@ int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* u
     const mock::Subscription attempted = {key, handler, user_data};
     mock::Locked()->attempted = attempted;
     const int refusal = mock::note(std::string(__func__) + " " + key);
-    return refusal == 0 && mock::Locked()->subscriptions.insert(attempted).second ? 0 : -1;
+    return refusal == 0 && mock::Locked()->subscriptions.emplace(key, attempted).second ? 0 : -1;
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
 {
     const mock::Inside here;
+    EXPECT_EQ(handler, mock::attempted().handler);
     const int refusal = mock::note(std::string(__func__) + " " + key);
-    return refusal == 0 && mock::Locked()->subscriptions.erase({key, handler}) == 1 ? 0 : -1;
+    return refusal == 0 && mock::Locked()->subscriptions.erase(key) == 1 ? 0 : -1;
 }
 
 // Compares the priority and the tag, and takes the number out of the line.

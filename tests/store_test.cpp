@@ -90,9 +90,10 @@ protected:
     }
     void TearDown() override { fs::remove_all(root); }
 
-    // So many lines, with these words among them.
-    void expectLog(const std::string& part, int lines) const
+    // What a child does logs so many lines, with these words among them.
+    void expectLog(const std::string& part, int lines, const std::function<void()>& body) const
     {
+        inChild(body);
         std::ifstream file(root / "log");
         const std::string log((std::istreambuf_iterator<char>(file)), {});
         fs::remove(root / "log");
@@ -107,12 +108,11 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
 {
     const std::string longest(511, '/'), bytes("\x01\n\xff"), largest(size_t{64} << 20, 'v');
     int value = 7;
-    inChild([&] {
+    expectLog("", 0, [&] {
         REQUIRE(put(longest, bytes) && text(longest) == bytes && put(bytes, "") && text(bytes).empty());
         REQUIRE(put("db/sized", largest) && text("db/sized") == largest);
         REQUIRE(vconf_set_bool("db/a", 5) == 0 && vconf_get_bool("db/a", &value) == 0 && value == 1);
     });
-    expectLog("", 0);
     const std::pair<const char*, std::function<bool()>> refused[] = {
         {"key is empty", [] { return !put("", 1); }},
         {"longer than 511", [] { return !put(std::string(512, 'k'), 1); }},
@@ -131,15 +131,13 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
         {"cut short", [] { return put("db/a", 1) && run("truncate -s 9000 store/*/data.mdb") && !put("db/a", 2); }},
     };
     for (const auto& [line, call] : refused) {
-        inChild([&refuses = call] { REQUIRE(refuses()); });
-        expectLog(line, 1);
+        expectLog(line, 1, [&refuses = call] { REQUIRE(refuses()); });
     }
 }
 
 TEST_F(StoreTest, ChoosesFoldersByTheEnvironmentAndKeepsThemPrivate)
 {
-    unsetenv("ZOL_VCONF_DIR");
-    unsetenv("XDG_STATE_HOME");
+    unsetenv("ZOL_VCONF_DIR"), unsetenv("XDG_STATE_HOME");
     setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
     for (const std::string variable : {"HOME", "XDG_STATE_HOME", "ZOL_VCONF_DIR"}) {  // each goes before the last one
         ASSERT_TRUE(variable != "HOME" || mkdir((root / variable).c_str(), 0700) == 0);
@@ -197,14 +195,17 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
             continue;
         }
         SCOPED_TRACE(commands);
-        inChild([&, &line = line, &commands = commands] {
-            REQUIRE(!mounts || unshare(CLONE_NEWNS) == 0);
-            REQUIRE(run("rm -rf real store; " + commands));
-            REQUIRE(text("db/a") == (line.empty() ? value : "(none)") && put("db/a", value) == works);
-            // What is left of the attempt must not stand in the way once there is space.
-            REQUIRE(!mounts || (run("mount -o remount,rw,size=1m store") && put("db/a", 2)));
-        });
-        expectLog(line, line.empty() ? 0 : works ? 1 : 2);
+        expectLog(line,
+                  line.empty() ? 0
+                  : works      ? 1
+                               : 2,
+                  [&, &line = line, &commands = commands] {
+                      REQUIRE(!mounts || unshare(CLONE_NEWNS) == 0);
+                      REQUIRE(run("rm -rf real store; " + commands));
+                      REQUIRE(text("db/a") == (line.empty() ? value : "(none)") && put("db/a", value) == works);
+                      // What is left of the attempt must not stand in the way once there is space.
+                      REQUIRE(!mounts || (run("mount -o remount,rw,size=1m store") && put("db/a", 2)));
+                  });
     }
 }
 
@@ -228,11 +229,10 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
     ASSERT_EQ(0, mkfifo(logs[1].first.c_str(), 0600));
     for (const auto& [log, lines] : logs) {
         setenv("ZOL_DLOG", log.c_str(), 1);
-        inChild([&] {
+        expectLog("", lines, [&] {
             REQUIRE(dup2(open((root / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO) >= 0);
             REQUIRE(put("db/a", 1) && !put("", 1));
         });
-        expectLog("", lines);
     }
     inChild([] {  // nobody reads, then somebody does, then nobody can
         std::string block(PIPE_BUF, 'x');
@@ -250,7 +250,7 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
 TEST_F(StoreTest, AFullStoreTakesWritesThatMakeNothingLarger)
 {
     const std::string large(size_t{4} << 20, 'v');
-    inChild([&] {
+    expectLog("the store is full", 6, [&] {
         mapSize = size_t{64} << 20;
         int count = 0;
         for (size_t size = large.size(); size > 0; size /= 16) {
@@ -262,7 +262,6 @@ TEST_F(StoreTest, AFullStoreTakesWritesThatMakeNothingLarger)
         }
         REQUIRE(put("memory/a", large));
     });
-    expectLog("the store is full", 6);
 }
 
 // A value that shows a tear: its number tells its length and letters.
@@ -330,7 +329,7 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     }
     kill(watcher, SIGKILL);
     EXPECT_EQ(-SIGKILL, finish(watcher));
-    expectLog("", 0);
+    expectLog("", 0, [] {});
 }
 
 TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
@@ -399,7 +398,7 @@ struct Subscriber {
 TEST_F(StoreTest, EveryWriteIsToldOnceInOrderOrFarBehindTheNewestOfEachChangedKey)
 {
     for (const bool isFarBehind : {false, true}) {
-        inChild([isFarBehind] {
+        expectLog(isFarBehind ? "fell behind" : "", isFarBehind ? 1 : 0, [isFarBehind] {
             static const Gate ready, wrote;
             Subscriber subscriber;
             for (const char* key : {"memory/a", "memory/b", "memory/same"}) {
@@ -422,7 +421,6 @@ TEST_F(StoreTest, EveryWriteIsToldOnceInOrderOrFarBehindTheNewestOfEachChangedKe
             wrote.open();
             REQUIRE(subscriber.take(expected.size()) == expected);
         });
-        expectLog(isFarBehind ? "fell behind" : "", isFarBehind ? 1 : 0);
     }
 }
 
@@ -451,7 +449,8 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 
 TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
 {
-    inChild([] {
+    // after the handler's end and the write itself
+    expectLog("anew, since a write was broken off", 3, [] {
         Subscriber subscriber;
         const auto ending = [](keynode_t* node, void* data) {
             Subscriber::handler(node, data);
@@ -465,7 +464,6 @@ TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
         REQUIRE(subscriber.take(1) == Lines{"db/a=3"});
         _exit(0);  // the delivering thread still uses what is here
     });
-    expectLog("anew, since a write was broken off", 3);  // after the handler's end and the write itself
 }
 
 TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)

@@ -162,6 +162,7 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
     const Trial trial{"db/multi-assistant/alexa_language"};
     const std::string app = R"({"appid":"a","concurrent":"on"})";
     const std::string deep = std::string(300000, '[') + std::string(300000, ']');
+    const std::string nested = "[" + deep + R"(,{"appid":"b","concurrent":)" + deep + "}," + app + "]";
     struct Row {
         std::string before;  // if any
         std::string reason;  // why that is no list
@@ -173,11 +174,7 @@ TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
         {"[] %s%n", "json parsing is failed", {"kept"}, "[", "]"},
         {app, "json is invalid (root.isArray())", {"kept"}, "[", "]"},
         {"[" + app + "]", "", {"kept", "a"}, "[" + app + ",", "]"},
-        {"[" + deep + R"(,{"appid":"b","concurrent":)" + deep + "}," + app + "]",
-         "",
-         {"kept", "a"},
-         "[" + deep + ",",
-         "," + app + "]"},
+        {nested, "", {"kept", "a"}, "[" + deep + ",", "," + app + "]"},
     };
     const std::pair<std::string, std::function<bool(std::string)>> forms[] = {
         {"on", ZOLSystemData::EnableZOLConcurrentMode},
