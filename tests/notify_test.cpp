@@ -20,7 +20,6 @@
 #include "platform_mock.h"
 
 using mock::Events;
-using mock::operator+;
 
 namespace {
 

@@ -25,7 +25,9 @@ namespace mock {
 // What the library did, in order, calls of the store and log lines (without their numbers) in one sequence:
 //   vconf_get_str db/key    vconf_set_int db/key=5    vconf_notify_key_changed db/key
 //   ZOLSystemDataClass.cpp: getString: DLOG_ERROR "vconf_get_str is failed"
-using Events = std::vector<std::string>;
+struct Events : std::vector<std::string> {
+    using vector::vector;
+};
 inline std::string line(const std::string& file, const std::string& function, const std::string& message)
 {
     return file + ": " + function + ": DLOG_ERROR \"" + message + "\"\n";

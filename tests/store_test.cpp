@@ -373,7 +373,7 @@ using Lines = std::vector<std::string>;
 struct Subscriber {
     std::mutex lock;
     Lines lines;
-    const Gate added;
+    Gate added;
 
     static void handler(keynode_t* node, void* subscriber)
     {

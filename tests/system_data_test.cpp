@@ -10,7 +10,6 @@
 #include "platform_mock.h"
 
 using mock::Events;
-using mock::operator+;
 using namespace std::string_literals;
 
 namespace {
