@@ -4,6 +4,7 @@
 #define ZOL_TESTS_CHILD_H
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,22 +44,18 @@ inline int finish(pid_t pid)
 
 inline void inChild(const std::function<void()>& body) { EXPECT_EQ(0, finish(start(body))); }
 
-// Lets processes or threads wait for each other: one token a byte.
+// Lets processes or threads wait for each other: each opening lets one pass. The few files are left to the process.
 class Gate {
 public:
-    Gate() { REQUIRE(pipe(ends_) == 0); }
-    ~Gate() { REQUIRE(close(ends_[0]) + close(ends_[1]) == 0); }
-    Gate(const Gate&) = delete;
-    Gate& operator=(const Gate&) = delete;
-    void open() const { REQUIRE(write(ends_[1], "x", 1) == 1); }
+    void open() const { REQUIRE(eventfd_write(fd_, 1) == 0); }
     void pass() const
     {
-        char token = 0;
-        REQUIRE(read(ends_[0], &token, 1) == 1);
+        eventfd_t one = 0;
+        REQUIRE(eventfd_read(fd_, &one) == 0);
     }
 
 private:
-    int ends_[2] = {-1, -1};
+    const int fd_ = eventfd(0, EFD_SEMAPHORE);
 };
 
 #endif

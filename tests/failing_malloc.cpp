@@ -25,8 +25,6 @@ extern "C" {
 [[gnu::weak]] void* __interceptor_realloc(void* block, size_t size);
 void* __libc_malloc(size_t size);
 void* __libc_realloc(void* block, size_t size);
-// Children of a program with threads start threads too, and there are too many children to let each wait at its end.
-const char* __tsan_default_options() { return "die_after_fork=0:atexit_sleep_ms=0"; }
 
 void* malloc(size_t size) noexcept { return fails() ? nullptr : REAL(malloc)(size); }
 void* realloc(void* block, size_t size) noexcept { return fails() ? nullptr : REAL(realloc)(block, size); }

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <vconf.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -16,10 +15,9 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <optional>
-#include <set>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace mock {
@@ -27,20 +25,23 @@ namespace mock {
 // What the library did, in order, calls of the store and log lines (without their numbers) in one sequence:
 //   vconf_get_str db/key    vconf_set_int db/key=5    vconf_notify_key_changed db/key
 //   ZOLSystemDataClass.cpp: getString: DLOG_ERROR "vconf_get_str is failed"
-using Events = std::vector<std::string>;
+struct Events : std::vector<std::string> {
+    using vector::vector;
+};
 inline std::string line(const std::string& file, const std::string& function, const std::string& message)
 {
-    return file + ": " + function + ": DLOG_ERROR \"" + message + "\"";
+    return file + ": " + function + ": DLOG_ERROR \"" + message + "\"\n";
 }
 
-struct Value {
-    int type;
-    int number = 0;  // of an integer or a boolean; a boolean may hold any
-    std::string text{};
-};
-inline Value text(const std::string& value) { return {VCONF_TYPE_STRING, 0, value}; }
-inline Value integer(int value) { return {VCONF_TYPE_INT, value}; }
-inline Value boolean(int value) { return {VCONF_TYPE_BOOL, value}; }
+inline Events operator+(Events first, const Events& second)
+{
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// The number of a boolean may be any. With std::monostate the read of a number succeeds and writes nothing, and that of
+// a text finds none.
+using Value = std::variant<std::monostate, int, std::string>;
 
 struct Subscription {
     std::string key;
@@ -50,12 +51,10 @@ struct Subscription {
 
 struct State {
     std::map<std::string, Value> store;
-    std::set<std::string> refused;  // the next event that begins with one of these is refused
-    int refusal = -1;               // what reads and writes that are refused return
-    bool writesNumbers = true;      // to the output of a read that is accepted
+    std::map<std::string, int> refused;  // functions whose next call fails, and what they return
     Events events;
-    std::vector<Subscription> subscriptions;
-    Subscription attempted;  // the latest, accepted or not
+    std::map<std::string, Subscription> subscriptions;  // by their keys
+    Subscription attempted;                             // the latest, accepted or not
     // Is called on the thread of each event, before a call of the store takes effect or is refused.
     std::function<void(const std::string& event)> hook;
 };
@@ -81,91 +80,81 @@ struct Locked {
 
 inline void reset() { *Locked().operator->() = State(); }
 inline void setHook(std::function<void(const std::string&)> hook) { Locked()->hook = std::move(hook); }
-inline void refuse(const std::string& event) { Locked()->refused.insert(event); }
-inline void put(const std::string& key, const Value& value) { Locked()->store.insert_or_assign(key, value); }
-inline void note(const std::string& event) { Locked()->events.push_back(event); }
+inline void refuse(const std::string& function, int result = -1) { Locked()->refused[function] = result; }
+inline void put(const std::string& key, const Value& value) { Locked()->store[key] = value; }
+inline Subscription attempted() { return Locked()->attempted; }
 inline Events takeEvents() { return std::exchange(Locked()->events, {}); }
-inline void did(const Events& expected, int line = __builtin_LINE())
+inline void expectEvents(const Events& expected, int line = __builtin_LINE())
 {
     EXPECT_EQ(expected, takeEvents()) << "in line " << line;
 }
 
+inline thread_local keynode_t* record = nullptr;  // of the delivery that runs
 inline void deliver(const Subscription& to, const Value& value)
 {
-    const char* text = value.type == VCONF_TYPE_STRING ? value.text.c_str() : nullptr;
-    keynode_t node{to.key.c_str(), -1, {value.number, text}};  // the type is not to be looked at
+    const int* const number = std::get_if<int>(&value);
+    const std::string* const text = std::get_if<std::string>(&value);
+    keynode_t node{to.key.c_str(), -1, {}};  // the type is not to be looked at
+    node.value = {number == nullptr ? 0 : *number, text == nullptr ? nullptr : text->c_str()};
+    record = &node;
     to.handler(&node, to.userData);
 }
 
-// Delivers to all that are subscribed to the key, and returns how many those are.
+// Delivers to the subscription of the key, and returns how many there are.
 inline int fire(const std::string& key, const Value& value)
 {
-    int called = 0;
     const auto subscriptions = (Inside(), Locked()->subscriptions);
-    for (const Subscription& each : subscriptions) {
-        if (each.key == key) {
-            deliver(each, value);
-            ++called;
-        }
+    const auto found = subscriptions.find(key);
+    if (found == subscriptions.end()) {
+        return 0;
     }
-    return called;
+    deliver(found->second, value);
+    return 1;
 }
 
 // ---- the platform's functions ---------------------------------------------------------------------------------------
 
-// Records a call, and tells whether it may go on.
-inline bool happen(const std::string& event)
+// Records an event. Returns 0, or the result of a call that is refused.
+inline int note(const std::string& event)
 {
-    note(event);
+    Locked()->events.push_back(event);
     if (const auto hook = Locked()->hook) {
         hook(event);
     }
-    const Locked locked;
-    auto& refused = locked->refused;
-    const auto found = std::find_if(refused.begin(), refused.end(), [&event](const std::string& each) {
-        return event.compare(0, each.size(), each) == 0;
-    });
-    if (found == refused.end()) {
-        return true;
-    }
-    refused.erase(found);
-    return false;
+    const auto refusal = Locked()->refused.extract(event.substr(0, event.find(' ')));
+    return refusal ? refusal.mapped() : 0;
 }
 
-inline std::optional<Value> get(const std::string& function, const char* key, int type)
+inline std::pair<int, Value> get(const std::string& function, const char* key)
 {
-    const bool accepted = happen(function + " " + key);
+    const int refusal = note(function + " " + key);
     const Locked locked;
     const auto found = locked->store.find(key);
-    const bool known = found != locked->store.end() && found->second.type == type;
-    return accepted && known ? std::optional(found->second) : std::nullopt;
+    return found == locked->store.end() ? std::pair(-1, Value()) : std::pair(refusal, found->second);
 }
 
-// A refused one still writes a 1 to its output.
-inline int getNumber(const char* function, const char* key, int type, int* number)
+inline int getNumber(const char* function, const char* key, int* number)
 {
     const Inside here;
-    const auto value = get(function, key, type);
-    if (Locked()->writesNumbers) {
-        *number = value ? value->number : 1;
+    const auto [refusal, value] = get(function, key);
+    if (refusal != 0) {
+        *number = 1;  // which is not to be looked at
+    } else if (const int* stored = std::get_if<int>(&value)) {
+        *number = *stored;
     }
-    return value ? 0 : Locked()->refusal;
+    return refusal;
 }
 
-inline int set(const char* function, const char* key, const Value& value)
-{
-    const bool isText = value.type == VCONF_TYPE_STRING;
-    if (!happen(std::string(function) + " " + key + "=" + (isText ? value.text : std::to_string(value.number)))) {
-        return Locked()->refusal;
-    }
-    put(key, value);
-    return 0;
-}
-
-inline int setNumber(const char* function, const char* key, int type, int number)
+// Writes the text or, without one, the number.
+inline int set(const char* function, const char* key, int number, const char* text = nullptr)
 {
     const Inside here;
-    return set(function, key, {type, number});
+    const std::string value = text == nullptr ? std::to_string(number) : text;
+    const int refusal = note(std::string(function) + " " + key + "=" + value);
+    if (refusal == 0) {
+        put(key, text == nullptr ? Value(number) : value);
+    }
+    return refusal;
 }
 
 }  // namespace mock
@@ -173,64 +162,49 @@ inline int setNumber(const char* function, const char* key, int type, int number
 char* vconf_get_str(const char* key)
 {
     const mock::Inside here;
-    const auto value = mock::get(__func__, key, VCONF_TYPE_STRING);
-    return value ? strdup(value->text.c_str()) : nullptr;
+    const auto [refusal, value] = mock::get(__func__, key);
+    const std::string* const text = std::get_if<std::string>(&value);
+    return refusal == 0 && text != nullptr ? strdup(text->c_str()) : nullptr;
 }
-int vconf_set_str(const char* key, const char* value)
-{
-    const mock::Inside here;
-    return mock::set(__func__, key, mock::text(value));
-}
-int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_INT, value); }
-int vconf_set_int(const char* key, int value) { return mock::setNumber(__func__, key, VCONF_TYPE_INT, value); }
-int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, VCONF_TYPE_BOOL, value); }
-int vconf_set_bool(const char* key, int value) { return mock::setNumber(__func__, key, VCONF_TYPE_BOOL, value); }
+int vconf_set_str(const char* key, const char* value) { return mock::set(__func__, key, 0, value); }
+int vconf_get_int(const char* key, int* value) { return mock::getNumber(__func__, key, value); }
+int vconf_set_int(const char* key, int value) { return mock::set(__func__, key, value); }
+int vconf_get_bool(const char* key, int* value) { return mock::getNumber(__func__, key, value); }
+int vconf_set_bool(const char* key, int value) { return mock::set(__func__, key, value); }
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn handler, void* user_data)
 {
     const mock::Inside here;
     const mock::Subscription attempted = {key, handler, user_data};
     mock::Locked()->attempted = attempted;
-    const bool accepted = mock::happen(std::string(__func__) + " " + key);
-    if (accepted) {
-        mock::Locked()->subscriptions.push_back(attempted);
-    }
-    return accepted ? 0 : -1;
+    const int refusal = mock::note(std::string(__func__) + " " + key);
+    return refusal == 0 && mock::Locked()->subscriptions.emplace(key, attempted).second ? 0 : -1;
 }
 
 int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
 {
     const mock::Inside here;
-    const bool accepted = mock::happen(std::string(__func__) + " " + key);
-    const mock::Locked locked;
-    auto& all = locked->subscriptions;
-    const auto found = std::find_if(all.begin(), all.end(),
-                                    [=](const auto& each) { return each.key == key && each.handler == handler; });
-    if (!accepted || found == all.end()) {
-        return -1;
-    }
-    all.erase(found);
-    return 0;
+    EXPECT_EQ(handler, mock::attempted().handler);
+    const int refusal = mock::note(std::string(__func__) + " " + key);
+    return refusal == 0 && mock::Locked()->subscriptions.erase(key) == 1 ? 0 : -1;
 }
 
-// Checks the priority, the tag and the frame of the line.
+// Compares the priority and the tag, and takes the number out of the line.
 int dlog_print(log_priority priority, const char* tag, const char* format, ...)
 {
     const mock::Inside here;
-    EXPECT_EQ(6, static_cast<int>(priority)) << format;
-    EXPECT_STREQ("libZOL", tag) << format;
-    EXPECT_EQ(format, std::strstr(format, "%s: %s[%d]\t ")) << "a line without the frame";
     char* text = nullptr;
     va_list arguments;
     va_start(arguments, format);
     const int size = vasprintf(&text, format, arguments);
     va_end(arguments);
-    const std::string line(text, static_cast<std::size_t>(size));
+    std::string line(text, static_cast<std::size_t>(size));
     std::free(text);
-    const std::size_t number = line.find('['), message = line.find("]\t "), last = line.size() - 1;
+    EXPECT_TRUE(priority == 6 && std::strcmp(tag, "libZOL") == 0) << line;
+    const std::size_t number = line.find('['), message = line.find("]\t ", number);
     EXPECT_GT(std::stoi(line.substr(number + 1)), 0) << line;
-    EXPECT_EQ('\n', line[last]) << line;
-    return mock::happen(line.substr(0, number) + ":" + line.substr(message + 2, last - message - 2)) ? 0 : -1;
+    line.replace(number, message + 3 - number, ": ");
+    return mock::note(line);
 }
 
 #endif

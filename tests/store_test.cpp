@@ -91,9 +91,10 @@ protected:
     }
     void TearDown() override { fs::remove_all(root); }
 
-    // So many lines, with these words among them.
-    void expectLog(const std::string& part, int lines) const
+    // What a child does logs so many lines, with these words among them.
+    void expectLog(const std::string& part, int lines, const std::function<void()>& body) const
     {
+        inChild(body);
         std::ifstream file(root / "log");
         const std::string log((std::istreambuf_iterator<char>(file)), {});
         fs::remove(root / "log");
@@ -108,12 +109,11 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
 {
     const std::string longest(511, '/'), bytes("\x01\n\xff"), largest(size_t{64} << 20, 'v');
     int value = 7;
-    inChild([&] {
+    expectLog("", 0, [&] {
         REQUIRE(put(longest, bytes) && text(longest) == bytes && put(bytes, "") && text(bytes).empty());
         REQUIRE(put("db/sized", largest) && text("db/sized") == largest);
         REQUIRE(vconf_set_bool("db/a", 5) == 0 && vconf_get_bool("db/a", &value) == 0 && value == 1);
     });
-    expectLog("", 0);
     const std::pair<const char*, std::function<bool()>> refused[] = {
         {"key is empty", [] { return !put("", 1); }},
         {"longer than 511", [] { return !put(std::string(512, 'k'), 1); }},
@@ -126,17 +126,19 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
         {"already has this handler", [] { return watch("db/a") + watch("db/a") == 1; }},
         {"no such handler", [] { return vconf_ignore_key_changed("db/a", ignore) != 0; }},
         {"must be an absolute path", [] { return setenv("ZOL_VCONF_DIR", "store", 1) == 0 && !put("db/a", 1); }},
+        // files that are removed or cut short under a process
+        {"were removed", [] { return put("db/a", 1) && run("rm -r store") && !put("db/a", 2); }},
+        {"be told", [] { return watch("db/a") && run("rm -r store") && comesTrue([] { return fs::exists("log"); }); }},
+        {"cut short", [] { return put("db/a", 1) && run("truncate -s 9000 store/*/data.mdb") && !put("db/a", 2); }},
     };
     for (const auto& [line, call] : refused) {
-        inChild([&refuses = call] { REQUIRE(refuses()); });
-        expectLog(line, 1);
+        expectLog(line, 1, [&refuses = call] { REQUIRE(refuses()); });
     }
 }
 
 TEST_F(StoreTest, ChoosesFoldersByTheEnvironmentAndKeepsThemPrivate)
 {
-    unsetenv("ZOL_VCONF_DIR");
-    unsetenv("XDG_STATE_HOME");
+    unsetenv("ZOL_VCONF_DIR"), unsetenv("XDG_STATE_HOME");
     setenv("XDG_RUNTIME_DIR", root.c_str(), 1);
     for (const std::string variable : {"HOME", "XDG_STATE_HOME", "ZOL_VCONF_DIR"}) {  // each goes before the last one
         ASSERT_TRUE(variable != "HOME" || mkdir((root / variable).c_str(), 0700) == 0);
@@ -194,14 +196,17 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
             continue;
         }
         SCOPED_TRACE(commands);
-        inChild([&, &line = line, &commands = commands] {
-            REQUIRE(!mounts || unshare(CLONE_NEWNS) == 0);
-            REQUIRE(run("rm -rf real store; " + commands));
-            REQUIRE(text("db/a") == (line.empty() ? value : "(none)") && put("db/a", value) == works);
-            // What is left of the attempt must not stand in the way once there is space.
-            REQUIRE(!mounts || (run("mount -o remount,rw,size=1m store") && put("db/a", 2)));
-        });
-        expectLog(line, line.empty() ? 0 : works ? 1 : 2);
+        expectLog(line,
+                  line.empty() ? 0
+                  : works      ? 1
+                               : 2,
+                  [&, &line = line, &commands = commands] {
+                      REQUIRE(!mounts || unshare(CLONE_NEWNS) == 0);
+                      REQUIRE(run("rm -rf real store; " + commands));
+                      REQUIRE(text("db/a") == (line.empty() ? value : "(none)") && put("db/a", value) == works);
+                      // What is left of the attempt must not stand in the way once there is space.
+                      REQUIRE(!mounts || (run("mount -o remount,rw,size=1m store") && put("db/a", 2)));
+                  });
     }
 }
 
@@ -225,11 +230,10 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
     ASSERT_EQ(0, mkfifo(logs[1].first.c_str(), 0600));
     for (const auto& [log, lines] : logs) {
         setenv("ZOL_DLOG", log.c_str(), 1);
-        inChild([&] {
+        expectLog("", lines, [&] {
             REQUIRE(dup2(open((root / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO) >= 0);
             REQUIRE(put("db/a", 1) && !put("", 1));
         });
-        expectLog("", lines);
     }
     inChild([] {  // nobody reads, then somebody does, then nobody can
         std::string block(PIPE_BUF, 'x');
@@ -244,27 +248,10 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
     });
 }
 
-TEST_F(StoreTest, LogLinesStayWholeAndCannotSteerATerminal)
-{
-    const auto write = [](char letter) {
-        for (int i = 0; i < 20; ++i) {
-            dlog_print(DLOG_ERROR, "tag", "%s%s\n", std::string(1000, letter).c_str(), "\x1b[\nf \x9b\xc2\x9b\xc4\x9b");
-        }
-    };
-    inChild([&] {
-        const pid_t other = start([&] { write('a'); });
-        write('b');
-        REQUIRE(finish(other) == 0);
-    });
-    EXPECT_TRUE(
-        run("[ $(LC_ALL=C grep -cxE 'E/tag .[0-9]+:[0-9]+. (a{1000}|b{1000})"
-            "\\\\x1b.\\\\x0af \\\\x9b\\\\x9b\xc4\x9b' log) = 40 ] && [ $(wc -l <log) = 40 ]"));
-}
-
 TEST_F(StoreTest, AFullStoreTakesWritesThatMakeNothingLarger)
 {
     const std::string large(size_t{4} << 20, 'v');
-    inChild([&] {
+    expectLog("the store is full", 6, [&] {
         mapSize = size_t{64} << 20;
         int count = 0;
         for (size_t size = large.size(); size > 0; size /= 16) {
@@ -276,20 +263,6 @@ TEST_F(StoreTest, AFullStoreTakesWritesThatMakeNothingLarger)
         }
         REQUIRE(put("memory/a", large));
     });
-    expectLog("the store is full", 6);
-}
-
-TEST_F(StoreTest, FilesThatAreRemovedOrCutShortUnderAProcessAreNoticed)
-{
-    for (const std::string line : {"were removed", "restart this program to be told", "cut short"}) {
-        const bool cut = line == "cut short", watches = line.find("told") != std::string::npos;
-        inChild([&] {
-            REQUIRE(put("db/a", 1) && (!watches || watch("db/a")));
-            REQUIRE(run(cut ? "truncate -s 9000 store/*/data.mdb" : "rm -r store"));
-            REQUIRE(watches ? comesTrue([] { return std::ifstream("log").peek() != EOF; }) : !put("db/a", 2));
-        });
-        expectLog(line, 1);
-    }
 }
 
 // A value that shows a tear: its number tells its length and letters.
@@ -306,14 +279,13 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     const size_t kills = wanted == nullptr ? 40 : numberIn(wanted);
     struct Half {
         const char* key;
-        std::atomic<size_t> acknowledged, found, told;  // the numbers of the latest writes
+        std::atomic<size_t> acknowledged{0}, found{0}, received{0};  // the numbers of the latest writes
     };
-    auto* const halves = static_cast<Half*>(  // zeros
-        mmap(nullptr, 2 * sizeof(Half), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    halves[0].key = "db/a", halves[1].key = "memory/a";
+    void* const shared = mmap(nullptr, 2 * sizeof(Half), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto* const halves = new (shared) Half[2]{{"db/a"}, {"memory/a"}};
     const auto note = [](keynode_t* node, void* half) {
         const size_t n = numberIn(node->value.s);
-        REQUIRE(isWhole(node->value.s) && n >= static_cast<Half*>(half)->told.exchange(n));
+        REQUIRE(isWhole(node->value.s) && n >= static_cast<Half*>(half)->received.exchange(n));
     };
     const Gate ready;
     const pid_t watcher = start([&] {
@@ -344,7 +316,7 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
             half.found = numberIn(text(half.key));
             REQUIRE(isWhole(text(half.key)) && half.found >= half.acknowledged);
         });
-        EXPECT_TRUE(comesTrue([&] { return half.told >= half.found; })) << half.key;
+        EXPECT_TRUE(comesTrue([&] { return half.received >= half.found; })) << half.key;
     }
     std::printf("%zu kills; %zu persistent and %zu volatile writes found\n", kills, halves[0].found.load(),
                 halves[1].found.load());
@@ -358,7 +330,7 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
     }
     kill(watcher, SIGKILL);
     EXPECT_EQ(-SIGKILL, finish(watcher));
-    expectLog("", 0);
+    expectLog("", 0, [] {});
 }
 
 TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
@@ -371,86 +343,86 @@ TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
     });
 }
 
-TEST_F(StoreTest, ManyProcessesAndThreadsOpenTheStoreAtOnce)
+TEST_F(StoreTest, ManyProcessesAndThreadsAtOnceOpenTheStoreAndLogWholeSafeLines)
 {
+    const auto use = [] {
+        const std::string letters(1000, getpid() % 2 == 0 ? 'a' : 'b');
+        for (int i = 0; i < 10; ++i) {
+            REQUIRE(put(i % 5 == 0 ? "db/a" : "memory/a", i));
+            dlog_print(DLOG_ERROR, "tag", "%s%s\n", letters.c_str(), "\x1b[\nf \x9b\xc2\x9b\xc4\x9b");
+        }
+    };
     pid_t processes[32];
     for (pid_t& process : processes) {
-        process = start([] {
-            std::thread other([] { REQUIRE(put("memory/other", 1)); });
-            REQUIRE(put("memory/a", 1) && put("db/a", 1));
+        process = start([&] {
+            std::thread other(use);
+            use();
             other.join();
         });
     }
     for (const pid_t process : processes) {
         EXPECT_EQ(0, finish(process));
     }
-    expectLog("", 0);
+    EXPECT_TRUE(
+        run("[ $(LC_ALL=C grep -cxE 'E/tag .[0-9]+:[0-9]+. (a{1000}|b{1000})"
+            "\\\\x1b.\\\\x0af \\\\x9b\\\\x9b\xc4\x9b' log) = 640 ] && [ $(wc -l <log) = 640 ]"));
 }
 
 using Lines = std::vector<std::string>;
 
-// What a process was told, as "key=value" in the order of the calls.
-struct Told {
+// Notes what a process is told, as "key=value" in the order of the calls.
+struct Subscriber {
     std::mutex lock;
     Lines lines;
-    std::atomic<size_t> count{0};
+    Gate added;
 
-    static void handler(keynode_t* node, void* told)
+    static void handler(keynode_t* node, void* subscriber)
     {
-        auto* self = static_cast<Told*>(told);
+        auto* self = static_cast<Subscriber*>(subscriber);
         const std::lock_guard<std::mutex> guard(self->lock);
         self->lines.push_back(std::string(node->keyname) + "=" +
                               (node->value.s != nullptr ? node->value.s : std::to_string(node->value.i)));
-        self->count = self->lines.size();
+        self->added.open();
     }
-    bool of(const std::string& key) { return watch(key, handler, this); }
-    // Waits for so many lines, and takes them.
+    bool follow(const std::string& key) { return watch(key, handler, this); }
+    // Waits for so many lines, and takes all.
     Lines take(size_t wanted)
     {
-        REQUIRE(comesTrue([&] { return count >= wanted; }));
+        for (; wanted > 0; --wanted) {
+            added.pass();
+        }
         const std::lock_guard<std::mutex> guard(lock);
-        count = 0;
         return std::exchange(lines, {});
     }
 };
 
-TEST_F(StoreTest, EveryWriteIsToldOnceInOrderWithItsOwnValue)
+TEST_F(StoreTest, EveryWriteIsToldOnceInOrderOrFarBehindTheNewestOfEachChangedKey)
 {
-    inChild([] {
-        Told told;
-        REQUIRE(told.of("memory/a") && told.of("memory/b") && watch("memory/b"));
-        Lines expected;
-        std::unique_lock<std::mutex> stalled(told.lock);
-        for (int i = 0; i < 500; ++i) {
-            REQUIRE(put("memory/a", i / 2) && put("memory/unwatched", i) && put("memory/b", std::to_string(i)));
-            expected.insert(expected.end(), {"memory/a=" + std::to_string(i / 2), "memory/b=" + std::to_string(i)});
-        }
-        stalled.unlock();
-        REQUIRE(told.take(expected.size()) == expected);
-    });
-}
-
-TEST_F(StoreTest, AProcessFarBehindIsToldTheNewestValueOfEachChangedKeyOnce)
-{
-    inChild([] {
-        static Gate ready, wrote;
-        Told told;
-        REQUIRE(told.of("memory/a") && told.of("memory/b") && told.of("memory/same"));
-        const auto stop = [](keynode_t*, void* subscriber) {
-            ready.open();
-            wrote.pass();
-            REQUIRE(static_cast<Told*>(subscriber)->of("memory/late"));  // too late for the writes so far
-        };
-        REQUIRE(watch("memory/stop", stop, &told) && put("memory/stop", 1));
-        ready.pass();
-        for (int i = 0; i < 5000; ++i) {
-            REQUIRE(put("memory/b", i) && (i % 1000 != 0 || put("memory/late", i)));
-        }
-        REQUIRE(put("memory/a", "end"));
-        wrote.open();
-        REQUIRE((told.take(2) == Lines{"memory/b=4999", "memory/a=end"}));
-    });
-    expectLog("fell behind", 1);
+    for (const bool isFarBehind : {false, true}) {
+        expectLog(isFarBehind ? "fell behind" : "", isFarBehind ? 1 : 0, [isFarBehind] {
+            static const Gate ready, wrote;
+            Subscriber subscriber;
+            for (const char* key : {"memory/a", "memory/b", "memory/same"}) {
+                REQUIRE(put(key, "before") && subscriber.follow(key));
+            }
+            const auto stop = [](keynode_t*, void* data) {
+                ready.open();
+                wrote.pass();
+                REQUIRE(static_cast<Subscriber*>(data)->follow("memory/late"));  // too late for the writes so far
+            };
+            REQUIRE(watch("memory/b") && watch("memory/stop", stop, &subscriber) && put("memory/stop", 1));
+            ready.pass();
+            Lines expected;
+            for (int i = 0; i < (isFarBehind ? 1500 : 500); ++i) {
+                REQUIRE(put("memory/b", i / 2) && put("memory/unwatched", i) && put("memory/late", i));
+                REQUIRE(put("memory/a", std::to_string(i)));
+                expected.insert(expected.end(), {"memory/b=" + std::to_string(i / 2), "memory/a=" + std::to_string(i)});
+            }
+            expected.erase(expected.begin(), expected.end() - (isFarBehind ? 2 : 1000));
+            wrote.open();
+            REQUIRE(subscriber.take(expected.size()) == expected);
+        });
+    }
 }
 
 TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
@@ -466,10 +438,10 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
             done.pass();
         });
         inChild([&] {
-            Told told;
-            REQUIRE(told.of("db/a"));
+            Subscriber subscriber;
+            REQUIRE(subscriber.follow("db/a"));
             ready.open();
-            REQUIRE((told.take(2) == Lines{"db/a=0", "db/a=1"}));
+            REQUIRE((subscriber.take(2) == Lines{"db/a=0", "db/a=1"}));
         });
         done.open(), done.open();
         EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
@@ -478,28 +450,28 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 
 TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
 {
-    inChild([] {
-        Told told;
-        const auto ending = [](keynode_t* node, void* subscriber) {
-            Told::handler(node, subscriber);
+    // after the handler's end and the write itself
+    expectLog("anew, since a write was broken off", 3, [] {
+        Subscriber subscriber;
+        const auto ending = [](keynode_t* node, void* data) {
+            Subscriber::handler(node, data);
             pthread_exit(nullptr);
         };
-        REQUIRE(told.of("db/a") && watch("db/end", ending, &told));
+        REQUIRE(subscriber.follow("db/a") && watch("db/end", ending, &subscriber));
         REQUIRE(put("db/end", 1) && put("db/a", "old"));
-        REQUIRE((told.take(2) == Lines{"db/end=1", "db/a=old"}));
+        REQUIRE((subscriber.take(2) == Lines{"db/end=1", "db/a=old"}));
         fault = Fault::CannotWrite;
         REQUIRE(!put("db/a", 2) && text("db/a") == "old" && put("db/a", 3));
-        REQUIRE(told.take(1) == Lines{"db/a=3"});
+        REQUIRE(subscriber.take(1) == Lines{"db/a=3"});
         _exit(0);  // the delivering thread still uses what is here
     });
-    expectLog("anew, since a write was broken off", 3);  // after the handler's end and the write itself
 }
 
 TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
 {
     inChild([] {
         static const Gate done;
-        constexpr int kToldAll = 7;
+        constexpr int kDelivered = 7;
         static const pid_t subscriber = getpid();
         const auto answer = [](keynode_t* node, void*) {
             REQUIRE(getpid() == subscriber);
@@ -511,17 +483,17 @@ TEST_F(StoreTest, HandlersMayUseTheStoreAndForkAndAChildIsNotSubscribed)
             if (child == 0) {
                 REQUIRE(put("memory/a", 2));
 #ifdef __SANITIZE_THREAD__
-                _exit(kToldAll);  // its runtime allows no threads in such a child
+                _exit(kDelivered);  // its runtime allows no threads in such a child
 #endif
                 std::thread([] {
-                    const auto end = [](keynode_t*, void*) { _exit(kToldAll); };
+                    const auto end = [](keynode_t*, void*) { _exit(kDelivered); };
                     REQUIRE(comesTrue([] { return access("/proc/self/fd/2", F_OK) != 0; }));  // no main thread
                     REQUIRE(watch("db/b", end) && put("db/b", 1));
                     pause();
                 }).detach();
                 return;  // to the store's own code, which has to end this thread: here it is not the store's
             }
-            REQUIRE(finish(child) == kToldAll && put("memory/a", 3));
+            REQUIRE(finish(child) == kDelivered && put("memory/a", 3));
         };
         REQUIRE(watch("memory/a", answer) && put("memory/a", 1));
         done.pass();  // the child's write

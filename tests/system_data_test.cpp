@@ -3,16 +3,13 @@
 #include <rapidjson/document.h>
 
 #include <climits>
-#include <functional>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <type_traits>
 
 #include "ZOLJson.h"
 #include "capi-zol-tv.h"
 #include "platform_mock.h"
 
+using mock::Events;
 using namespace std::string_literals;
 
 namespace {
@@ -22,105 +19,88 @@ std::string line(const std::string& function, const std::string& message)
     return mock::line("ZOLSystemDataClass.cpp", function, message);
 }
 
-using StringGetter = bool (*)(std::string&);
-using StringSetter = bool (*)(std::string);
-using IntGetter = bool (*)(int&);
-using IntSetter = bool (*)(int);
-using BoolGetter = bool (*)();
-using BoolSetter = bool (*)(bool);
-
 // Takes an operation through its results, and looks at all that it does, to its key and to no other.
 struct Trial {
     std::string key;
     std::string big = std::string(70000, 'x');
     std::vector<std::string> texts = {"%s%n", big, "\xff\n", "a\0b"s, "\0b"s};  // are stored up to a NUL
+    std::string unread = "failed to get vconf key (" + key + ")";
 
-    void operator()(StringGetter get) const
+    void operator()(bool (*get)(std::string&)) const
     {
-        std::string value = big;
-        refuses([&] { return get(value); }, "vconf_get_str", mock::text("new"),
-                line("getString", "vconf_get_str is failed"));
-        EXPECT_EQ(big, value);
+        std::vector<std::pair<mock::Value, std::string>> rows;
         for (const std::string& given : texts) {
-            const std::string stored(given, 0, given.find('\0'));
-            EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_str", mock::text(given),
-                              line("getString", "key[" + key + "] Value [" + stored + "]")));
-            EXPECT_EQ(stored, value);
+            rows.emplace_back(given, given.c_str());
         }
+        expectReads<std::string>(get, "vconf_get_str", "getString", big, "vconf_get_str is failed", rows,
+                                 [this](const std::string& value) { return written(value); });
     }
-    void operator()(IntGetter get) const
+    void operator()(bool (*get)(int&)) const
     {
-        int value = 7;
-        refuses([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                line("getInt", "failed to get vconf key (" + key + ")"));
-        EXPECT_EQ(7, value);
-        for (const int stored : {INT_MIN, 0, INT_MAX}) {
-            EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(stored),
-                              line("getInt", "Background volume is " + std::to_string(stored))));
-            EXPECT_EQ(stored, value);
-        }
-        mock::Locked()->writesNumbers = false;
-        EXPECT_TRUE(reads([&] { return get(value); }, "vconf_get_int", mock::integer(1),
-                          line("getInt", "Background volume is 0")));
-        EXPECT_EQ(0, value);
+        expectReads<int>(get, "vconf_get_int", "getInt", 7, unread,
+                         {{INT_MIN, INT_MIN}, {0, 0}, {INT_MAX, INT_MAX}, {std::monostate(), 0}},
+                         [](int value) { return "Background volume is " + std::to_string(value); });
     }
-    void operator()(BoolGetter get) const
+    void operator()(bool (*get)()) const
     {
-        refuses(get, "vconf_get_bool", mock::boolean(1), line("getBool", "failed to get vconf key (" + key + ")"));
-        for (const int stored : {0, 1, 2, -1}) {
-            const std::string seen = line("getBool", stored == 1 ? "true" : "false");
-            EXPECT_EQ(stored == 1, reads(get, "vconf_get_bool", mock::boolean(stored), seen));
-        }
-        mock::Locked()->writesNumbers = false;
-        EXPECT_FALSE(reads(get, "vconf_get_bool", mock::boolean(1), line("getBool", "false")));
+        expectReads<bool>([get](bool& value) { return value = get(); }, "vconf_get_bool", "getBool", false, unread,
+                          {{0, false}, {1, true}, {2, false}, {-1, false}, {std::monostate(), false}},
+                          [](bool value) { return value ? "true" : "false"; });
     }
-    void operator()(StringSetter set) const
+    void operator()(bool (*set)(std::string)) const
     {
         EXPECT_FALSE(set(""));
-        mock::did({line("setString", "value is empty")});
+        mock::expectEvents({line("setString", "value is empty")});
         mock::refuse("vconf_set_str");  // makes no difference
         for (const std::string& given : texts) {
-            const std::string stored(given, 0, given.find('\0'));
             EXPECT_TRUE(set(given));
-            mock::did(
-                {line("setString", "key[" + key + "] Value [" + stored + "]"), "vconf_set_str " + key + "=" + stored});
+            mock::expectEvents(writing(given.c_str()));
         }
     }
-    void operator()(IntSetter set) const { writes(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
-    void operator()(BoolSetter set) const { writes(set, "setBool", "vconf_set_bool", {0, 1}); }
+    void operator()(bool (*set)(int)) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }
+    void operator()(bool (*set)(bool)) const { expectWrites(set, "setBool", "vconf_set_bool", {0, 1}); }
 
-    bool reads(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
-               const std::string& message) const
+    // What the log says of a text that is written, and of one that is read.
+    std::string written(const std::string& value) const { return "key[" + key + "] Value [" + value + "]"; }
+    Events writing(const std::string& value, const std::string& function = "setString",
+                   const std::string& call = "vconf_set_str") const
     {
-        mock::put(key, stored);
-        const bool result = get();
-        mock::did({call + " " + key, message});
-        return result;
+        return {line(function, written(value)), call + " " + key + "=" + value};
     }
-    void refuses(const std::function<bool()>& get, const std::string& call, const mock::Value& stored,
-                 const std::string& message) const
+
+    // The rows are what is stored and what is read then.
+    template <class Value>
+    void expectReads(const std::function<bool(Value&)>& get, const std::string& call, const std::string& function,
+                     const Value& kept, const std::string& failure,
+                     const std::vector<std::pair<mock::Value, Value>>& rows,
+                     const std::function<std::string(const Value&)>& message) const
     {
+        Value value = kept;
         for (const int refusal : {-1, 1}) {
-            mock::Locked()->refusal = refusal;
-            mock::refuse(call);
-            EXPECT_FALSE(reads(get, call, stored, message));
+            mock::put(key, 1);
+            mock::refuse(call, refusal);
+            EXPECT_FALSE(get(value));
+            EXPECT_EQ(kept, value);
+            mock::expectEvents({call + " " + key, line(function, failure)});
+        }
+        for (const auto& [stored, expected] : rows) {
+            mock::put(key, stored);
+            const bool result = !std::is_same_v<Value, bool> || expected != Value();  // a switch is its own result
+            EXPECT_EQ(result, get(value));
+            EXPECT_EQ(expected, value);
+            mock::expectEvents({call + " " + key, line(function, message(expected))});
         }
     }
     template <class Set>
-    void writes(Set set, const std::string& function, const std::string& call, const std::vector<int>& values) const
+    void expectWrites(Set set, const std::string& function, const std::string& call,
+                      const std::vector<int>& values) const
     {
         for (const int value : values) {
-            const std::string number = std::to_string(value);
-            mock::Events expected = {line(function, "key[" + key + "] Value [" + number + "]"),
-                                     call + " " + key + "=" + number};
-            EXPECT_TRUE(set(value));
-            mock::did(expected);
-            expected.push_back(line(function, "failed to set vconf key (" + key + ")"));
-            for (const int refusal : {-1, 1}) {
-                mock::Locked()->refusal = refusal;
-                mock::refuse(call);
-                EXPECT_FALSE(set(value));
-                mock::did(expected);
+            for (const int result : {0, -1, 1}) {
+                mock::refuse(call, result);
+                EXPECT_EQ(result == 0, set(value));
+                const Events failing(result == 0 ? 0 : 1, line(function, "failed to set vconf key (" + key + ")"));
+                mock::expectEvents(writing(std::to_string(value), function, call) + failing);
             }
         }
     }
@@ -175,91 +155,51 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
     tryAll("db/setting/ambient_mode", BOTH(GetAmbientMode));
 }
 
+// tests/fuzz tries more lists.
 TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
 {
-    using Texts = std::vector<std::string>;
-    const std::string key = "db/multi-assistant/alexa_language";
+    const Trial trial{"db/multi-assistant/alexa_language"};
     const std::string app = R"({"appid":"a","concurrent":"on"})";
-    const std::string fresh = "[" + app + "]", another = R"({"appid":"b","concurrent":"off"})";
-    std::string deep, end;  // 300,000 levels
-    for (int i = 0; i < 150000; ++i) {
-        deep += R"([{"m":)";
-        end += "}]";
-    }
-    deep += "0" + end;
+    const std::string deep = std::string(300000, '[') + std::string(300000, ']');
+    const std::string nested = "[" + deep + R"(,{"appid":"b","concurrent":)" + deep + "}," + app + "]";
     struct Row {
-        std::optional<std::string> before;
-        std::optional<Texts> apps;  // none when that is no list
-        std::string message;        // of the change
-        std::string appid, mode, after;
+        std::string before;  // if any
+        std::string reason;  // why that is no list
+        std::vector<std::string> apps;
+        std::string head, tail;  // of the list with an entry for "b"
     };
     const Row rows[] = {
-        {std::nullopt, std::nullopt, "json parsing is failed", "a", "on", fresh},
-        {"[] %s%n", std::nullopt, "json parsing is failed", "a\0b"s, "on", fresh},
-        {app, std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
-        {fresh, Texts{"a"}, "", "b", "off", "[" + app + "," + another + "]"},
-        {R"({"x":[)" + app + "]}", std::nullopt, "json is invalid (root.isArray())", "a", "on", fresh},
-        {"[" + app + ",]", std::nullopt, "json parsing is failed", "b", "on", R"([{"appid":"b","concurrent":"on"}])"},
-        {"[]", Texts{}, "", "a", "on", fresh},
-        {"[" + deep + R"(,{"concurrent":)" + deep + R"(,"appid":"b"},)" + app + "]", Texts{"a"}, "", "b", "off",
-         "[" + deep + R"(,{"concurrent":"off","appid":"b"},)" + app + "]"},
-        // Only the first member of a name counts, and a text only up to its NUL.
-        {R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"on\u0000","concurrent":"off","x":1},)"
-         R"(["a","on"],{"concurrent":"on"}])",
-         Texts{"b", "a"}, "", "a", "off",
-         R"([{"appid":"b","appid":"a","concurrent":"on"},{"appid":["a"],"concurrent":"on","x":{"appid":"a"}},)"
-         R"({"appid":"a\u0000b","concurrent\u0000":1,"concurrent":"off","concurrent":"off","x":1},)"
-         R"(["a","on"],{"concurrent":"on"}])"},
-        {R"([ { "appid" : "a" , "x" : 1e2 } , { "appid" : "" , "concurrent" : "on" } , -1.7976931348623159e308 ])",
-         Texts{""}, "", "a", "off",
-         R"([{"appid":"a","x":100.0,"concurrent":"off"},{"appid":"","concurrent":"on"},-1.7976931348623157e308])"},
-        {R"([{"appid":"","concurrent":7}])", Texts{}, "", "", "on",
-         R"([{"appid":"","concurrent":7},{"appid":"","concurrent":"on"}])"},
-        {"[" + app + "," + another + "," + app + "]", Texts{"a", "a"}, "", "b", "%s%n",
-         "[" + app + R"(,{"appid":"b","concurrent":"%s%n"},)" + app + "]"},
+        {"", "json parsing is failed", {"kept"}, "[", "]"},
+        {"[] %s%n", "json parsing is failed", {"kept"}, "[", "]"},
+        {app, "json is invalid (root.isArray())", {"kept"}, "[", "]"},
+        {"[" + app + "]", "", {"kept", "a"}, "[" + app + ",", "]"},
+        {nested, "", {"kept", "a"}, "[" + deep + ",", "," + app + "]"},
     };
-    for (const auto& [before, apps, message, appid, mode, after] : rows) {
-        mock::Events reading = {"vconf_get_str " + key, line("getString", "vconf_get_str is failed")};
-        mock::Events listing = reading;
-        if (before) {
-            reading[1] = line("getString", "key[" + key + "] Value [" + *before + "]");
-            listing = reading;
-        }
-        if (before && !apps) {
-            listing.push_back(line("GetZOLConcurrentAppList", "data is not valid : " + *before));
-        }
-        if (!message.empty()) {
-            reading.push_back(line("SetZOLConcurrentMode", message));
-        }
-        reading.push_back(line("setString", "key[" + key + "] Value [" + after + "]"));
-        reading.push_back("vconf_set_str " + key + "=" + after);
-
-        const auto store = [&key, &text = before] {
-            mock::reset();
-            if (text) {
-                mock::put(key, mock::text(*text));
-            }
-        };
+    const std::pair<std::string, std::function<bool(std::string)>> forms[] = {
+        {"on", ZOLSystemData::EnableZOLConcurrentMode},
+        {"on", ZOLSystemDataEnableZOLConcurrentMode},
+        {"off", ZOLSystemData::DisableZOLConcurrentMode},
+        {"off", ZOLSystemDataDisableZOLConcurrentMode},
+        {"%s%n", [](const std::string& appid) { return SetZOLConcurrentMode(appid, "%s%n"); }},
+    };
+    for (const auto& [before, reason, apps, head, tail] : rows) {
+        const mock::Value stored = before.empty() ? mock::Value() : before;
+        const std::string read = before.empty() ? "vconf_get_str is failed" : trial.written(before);
+        const Events reading = {"vconf_get_str " + trial.key, line("getString", read)};
+        const Events invalid = {line("GetZOLConcurrentAppList", "data is not valid : " + before)};
+        const Events replacing = {line("SetZOLConcurrentMode", reason)};
         for (const auto form : {ZOLSystemData::GetZOLConcurrentAppList, ZOLSystemDataGetZOLConcurrentAppList}) {
-            store();
-            Texts expected = apps.value_or(Texts()), found = {"kept"};
-            expected.insert(expected.begin(), "kept");
-            EXPECT_EQ(apps.has_value(), form(found));
-            EXPECT_EQ(expected, found);
-            mock::did(listing);
+            mock::put(trial.key, stored);
+            std::vector<std::string> found = {"kept"};
+            EXPECT_EQ(reason.empty(), form(found));
+            EXPECT_EQ(apps, found);
+            mock::expectEvents(before.empty() || reason.empty() ? reading : reading + invalid);
         }
-        std::vector<std::function<bool(std::string)>> forms = {
-            [&mode = mode](const std::string& id) { return SetZOLConcurrentMode(id, mode); }};
-        if (mode == "on") {
-            forms.insert(forms.end(), {ZOLSystemData::EnableZOLConcurrentMode, ZOLSystemDataEnableZOLConcurrentMode});
-        } else if (mode == "off") {
-            forms.insert(forms.end(), {ZOLSystemData::DisableZOLConcurrentMode, ZOLSystemDataDisableZOLConcurrentMode});
-        }
-        for (const auto& form : forms) {
-            store();
-            EXPECT_TRUE(form(appid));
-            mock::did(reading);
+        for (const auto& [mode, form] : forms) {
+            mock::put(trial.key, stored);
+            EXPECT_TRUE(form("b"));
+            const std::string after = head + R"({"appid":"b","concurrent":")" + mode + "\"}" + tail;
+            mock::expectEvents((reason.empty() ? reading : reading + replacing) + trial.writing(after));
         }
     }
 }

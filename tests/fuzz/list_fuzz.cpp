@@ -55,8 +55,7 @@ static void checkChange(rapidjson::Document& before, const std::string& app, con
     assert(after.IsArray() && toJson(after) == stored);
 
     rapidjson::SizeType i = 0;
-    while (i < before.Size() && (app.empty() || textOf(before[i], "appid") != app)) {
-        ++i;
+    for (; i < before.Size() && (app.empty() || textOf(before[i], "appid") != app); ++i) {
     }
     if (i == before.Size()) {
         rapidjson::Value entry(rapidjson::kObjectType);
