@@ -26,8 +26,7 @@ constexpr std::chrono::seconds kLongestPause{10};           // up to this
 
 Lifetime lifetimeOf(std::string_view key)
 {
-    constexpr std::string_view kVolatile = "memory/";
-    return key.substr(0, kVolatile.size()) == kVolatile ? Lifetime::Volatile : Lifetime::Persistent;
+    return key.substr(0, 7) == "memory/" ? Lifetime::Volatile : Lifetime::Persistent;
 }
 
 // ---- subscriptions --------------------------------------------------------------------------------------------------
@@ -35,7 +34,7 @@ Lifetime lifetimeOf(std::string_view key)
 void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, vconf_callback_fn handler,
                          void* userData)
 {
-    const std::string signal = store.signalPath();  // opens the store, which may take a while, before the lock is taken
+    const std::string signal = store.folder() + "/signal";  // opens the store, which takes a while, before the lock
     const std::lock_guard<std::mutex> guard(lock_);
     const auto known = subscriptions_.find(key);
     if (known != subscriptions_.end()) {
@@ -138,11 +137,10 @@ void Delivery::run()
 {
     pthread_setname_np(pthread_self(), "vconf");
     std::chrono::milliseconds pause = kPauseAfterError;
-    int signals = -1;
-    {
+    const int signals = [this] {
         const std::lock_guard<std::mutex> guard(lock_);
-        signals = signals_;
-    }
+        return signals_;
+    }();
     alignas(inotify_event) char events[4096];
     for (;;) {
         try {
@@ -207,7 +205,6 @@ Delivery::Batch Delivery::collect(const Half& from)
         return batch;
     }
     if (record.sequence > from.seen + 1) {
-        batch.missed = record.sequence - from.seen - 1;
         for (const auto& [key, list] : subscriptions_) {
             if (&halves_[static_cast<size_t>(lifetimeOf(key))] == &from && transaction.value(key, record) &&
                 record.sequence > from.seen) {
@@ -217,6 +214,7 @@ Delivery::Batch Delivery::collect(const Half& from)
         std::sort(batch.writes.begin(), batch.writes.end(),
                   [](const Write& a, const Write& b) { return a.sequence < b.sequence; });
         batch.upTo = transaction.lastSequence();
+        batch.missed = batch.upTo - from.seen - batch.writes.size();
         return batch;
     }
     size_t bytes = 0;

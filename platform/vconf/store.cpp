@@ -260,10 +260,10 @@ void Store::checkDataFile(size_t toWrite) const
     }
 }
 
-std::string Store::signalPath()
+std::string Store::folder()
 {
     [[maybe_unused]] const Use inUse = use();
-    return folder_ + "/signal";
+    return folder_;
 }
 
 bool Store::isRemoved()

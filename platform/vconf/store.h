@@ -57,9 +57,9 @@ public:
     /// Stores a value and journals the write, both or neither. A persistent value is on disk after that.
     void write(std::string_view key, int type, std::string_view data);
 
-    /// The file that is written to after every write. A process that has it open for writing and ends, whichever way,
-    /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
-    std::string signalPath();
+    /// The folder. Its file `signal` is written to after every write, and closed by a process that ends, whichever way,
+    /// so that a watcher of the file also learns of a write whose writer was killed before it could tell.
+    std::string folder();
 
     /// Whether the folder was removed; what is open then is nobody else's any more.
     bool isRemoved();
