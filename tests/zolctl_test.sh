@@ -222,7 +222,7 @@ start_watch 99 ZOLActivated ZOLLanguage --initial >"$work/out"
 "$zolctl" set ZOLActivated off
 until_true "watch --initial" grep -q off "$work/out"
 end_watch "watch --initial" 143 TERM
-same "watch --initial" "$(cut -d' ' -f3- "$work/out")" $'ZOLActivated  on\nZOLLanguage  1\nZOLActivated  off'
+same "watch --initial" "$(cut -d' ' -f3- "$work/out")" $'ZOLLanguage  1\nZOLActivated  on\nZOLActivated  off'
 
 # Changes that are passed over, since the watcher stands still.
 start_watch 99 WebAppInstall --json >"$work/out"

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "ZOLSystemData.h"
@@ -210,33 +211,25 @@ int describe(const std::string& name)
 {
     const Setting& setting = findSetting(name);
     const std::string stem = setting.name;
-    std::vector<std::string> operations;
-    const auto add = [&](const std::string& owner, const std::string& operation) {
-        operations.push_back(owner + "::" + operation + "\n          " + owner + operation);
-    };
-    if (setting.readable()) {
-        add("ZOLSystemData", "Get" + stem);
-    }
-    if (setting.writable()) {
-        if (setting.type() == std::string("boolean")) {
-            add("ZOLSystemData", "Is" + stem);
-        }
-        add("ZOLSystemData", "Set" + stem);
-    }
-    if (setting.isAppList()) {
-        add("ZOLSystemData", "EnableZOLConcurrentMode");
-        add("ZOLSystemData", "DisableZOLConcurrentMode");
-    }
-    if (setting.watchable()) {
-        add("ZOLSystemDataNotify", "Register" + stem + "Callback");
-        add("ZOLSystemDataNotify", "Unregister" + stem + "Callback");
+    const bool isFlag = setting.type() == std::string("boolean");
+    const std::vector<std::tuple<bool, std::string, std::string>> operations = {
+        {setting.readable(), "ZOLSystemData", "Get" + stem},
+        {setting.writable() && isFlag, "ZOLSystemData", "Is" + stem},
+        {setting.writable(), "ZOLSystemData", "Set" + stem},
+        {setting.isAppList(), "ZOLSystemData", "EnableZOLConcurrentMode"},
+        {setting.isAppList(), "ZOLSystemData", "DisableZOLConcurrentMode"},
+        {setting.watchable(), "ZOLSystemDataNotify", "Register" + stem + "Callback"},
+        {setting.watchable(), "ZOLSystemDataNotify", "Unregister" + stem + "Callback"}};
+    std::string calls;
+    for (const auto& [exists, owner, operation] : operations) {
+        calls += exists ? "\n    " + owner + "::" + operation + "\n    " + owner + operation : "";
     }
     const bool isText = setting.type() == std::string("string") && !setting.isAppList();
     const std::optional<Value> value = read(setting);
     print(stem + ": " + setting.text + "\n  type    " + setting.type() +
           (isText ? "; the platform decides which texts are allowed" : "") + "\n  access  " +
-          joined(setting.access(), ", ") + "\n  key     " + setting.key + "\n  calls   " +
-          joined(operations, "\n          ") + "\n  value   " + shown(value) + "\n");
+          joined(setting.access(), ", ") + "\n  key     " + setting.key + "\n  value   " + shown(value) +
+          "\n  calls, each as a class member and as a flat function" + calls + "\n");
     return 0;
 }
 
@@ -268,22 +261,15 @@ constexpr std::size_t kMaxTextSize = std::size_t{64} << 20;  // of the store on 
 
 Value valueFrom(const Setting& setting, const Document::ValueType& json)
 {
-    const std::string type = setting.type();
     const std::string name = setting.name;
-    if (type == "boolean") {
-        if (!json.IsBool()) {
-            throw UsageError(name + " must be true or false");
-        }
-        return json.GetBool();
-    }
-    if (type == "integer") {
-        if (!json.IsInt()) {
-            throw UsageError(name + " must be a whole number from -2147483648 to 2147483647");
-        }
-        return json.GetInt();
+    const std::string type = setting.type();
+    if (!(type == "boolean" ? json.IsBool() : type == "integer" ? json.IsInt() : json.IsString())) {
+        throw UsageError(name + (type == "boolean"   ? " must be true or false"
+                                 : type == "integer" ? " must be a whole number from -2147483648 to 2147483647"
+                                                     : " must be a string"));
     }
     if (!json.IsString()) {
-        throw UsageError(name + " must be a string");
+        return json.IsBool() ? Value(json.GetBool()) : Value(json.GetInt());
     }
     if (json.GetStringLength() > kMaxTextSize) {
         throw UsageError(name + " is longer than 64 MiB; shorten it");

@@ -22,16 +22,16 @@ using Words = std::vector<std::string>;
 Words argumentsOf(const std::string& command, const std::string& argument, const Words& given)
 {
     Words offered;
-    if (argument == "NAME") {
-        for (const Setting& setting : allSettings()) {
-            if ((command != "set" || setting.writable()) && (command != "watch" || setting.watchable()) &&
-                std::count(given.begin(), given.end(), setting.name) == 0) {
-                offered.emplace_back(setting.name);
-            }
+    for (const Setting& setting : allSettings()) {
+        const bool isGiven = std::count(given.begin(), given.end(), setting.name) != 0;
+        const bool fits = (command != "set" || setting.writable()) && (command != "watch" || setting.watchable());
+        if (argument == "NAME" && fits && !isGiven) {
+            offered.emplace_back(setting.name);
+        } else if (argument == "VALUE" && isGiven && setting.type() == std::string("boolean")) {
+            offered = {"on", "off"};
         }
-    } else if (argument == "VALUE" && findSetting(given[0]).type() == std::string("boolean")) {
-        offered = {"on", "off"};
-    } else if (argument == "APPID" && command == "disable") {
+    }
+    if (argument == "APPID" && command == "disable") {
         ZOLSystemData::GetZOLConcurrentAppList(offered);
     }
     return offered;

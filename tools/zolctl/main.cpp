@@ -36,20 +36,15 @@ void occupyStandardFiles()
     }
 }
 
-// Where the log of programs goes.
-std::string logTarget()
-{
-    const char* const chosen = std::getenv("ZOL_DLOG");
-    const std::string where = chosen == nullptr || *chosen == '\0' ? "stderr" : chosen;
-    return where == "stderr" ? "standard error" : where;
-}
-
 // The log takes this from the environment when its first line is written. This tool's is off unless it is asked for.
-void chooseLog(bool verbose)
+// Returns where the log of other programs goes.
+std::string chooseLog(bool verbose)
 {
     const char* const chosen = std::getenv("ZOL_DLOG");
-    const std::string where = chosen == nullptr || *chosen == '\0' ? "off" : chosen;
-    setenv("ZOL_DLOG", verbose && where == "off" ? "stderr" : where.c_str(), 1);
+    const std::string given = chosen == nullptr ? "" : chosen;
+    const bool isOff = given.empty() || given == "off";
+    setenv("ZOL_DLOG", !isOff ? given.c_str() : verbose ? "stderr" : "off", 1);
+    return given.empty() || given == "stderr" ? "standard error" : given;
 }
 
 class CommandLine {
@@ -77,7 +72,6 @@ private:
     void nameAndValue(CLI::App* of);
     void addConcurrent();
     void addWatch();
-    void addSelftest();
 
     CLI::App app_{"Reads, writes and watches the TV's system data."};
     std::function<int()> chosen_;
@@ -91,7 +85,7 @@ private:
     std::vector<std::string> apps_;
     WatchOptions watch_;
     double timeout_ = 2;
-    const std::string logTarget_ = logTarget();
+    std::string logTarget_;
 };
 
 constexpr char kName[] = "Name or key of the setting, as zolctl list --long shows it";
@@ -111,8 +105,7 @@ CommandLine::CommandLine()
 
     CLI::App* const list = command(app_, "list", "Show settings; - stands for one without a value",
                                    "Access tells what the library lets apps do. Control characters are shown as \\x0a, "
-                                   "a backslash as two.\n"
-                                   "JSON: null for a setting without a value.\n"
+                                   "a backslash as two; in JSON null stands for no value.\n"
                                    "Example: zolctl list --long 'db/*language'",
                                    [this] { return zolctl::list(text_, withKey_, json_); });
     list->add_option("PATTERN", text_, "Part of a name or key; * and ? stand for any text and any character");
@@ -161,7 +154,14 @@ CommandLine::CommandLine()
             "processes that use it; and where ZOL_DLOG sends the log. Exit code 3 if a part cannot be used.\n"
             "Example: zolctl status",
             [this] { return zolctl::status(logTarget_); });
-    addSelftest();
+    command(app_, "selftest", "Check that the platform does what the library relies on",
+            "Prints a line for each check, which begins with ok or FAIL, and ends with 0 if all hold. No setting is\n"
+            "touched: it writes keys under memory/zolctl/selftest/ and sets them back. Only one run at a time.\n"
+            "Example: zolctl selftest --timeout 10",
+            [this] { return selftest(timeout_); })
+        ->add_option("--timeout", timeout_, "Give each check that many seconds; 2 if not given")
+        ->check(CLI::Range(0.1, 3600.0))
+        ->type_name("SECONDS");
 }
 
 void CommandLine::nameAndValue(CLI::App* of)
@@ -176,22 +176,19 @@ void CommandLine::nameAndValue(CLI::App* of)
 
 void CommandLine::addConcurrent()
 {
+    const std::string turns =
+        "Several zolctl at once take turns; an app that writes the list in the same moment can still overwrite\n"
+        "their change.\n"
+        "Example: zolctl concurrent enable app.alpha app.beta";
     CLI::App* const concurrent = app_.add_subcommand("concurrent", "The apps in concurrent mode");
     concurrent->require_subcommand(1);
-    concurrent->footer(
-        "Several zolctl at once take turns; an app that writes the list in the same moment can still\n"
-        "overwrite their change.\n"
-        "Example: zolctl concurrent enable app.alpha app.beta");
+    concurrent->footer(turns);
     jsonFlag(command(*concurrent, "list", "Print the ids of the apps that are on, one a line",
                      "Example: zolctl concurrent list", [this] { return listConcurrent(json_); }),
              "Print a JSON array");
     for (const bool on : {true, false}) {
-        const std::string name = on ? "enable" : "disable";
-        command(*concurrent, name, on ? "Put apps in concurrent mode" : "Take apps out of concurrent mode",
-                "Several zolctl at once take turns; an app that writes the list in the same moment can still\n"
-                "overwrite the change.\n"
-                "Example: zolctl concurrent " +
-                    name + " app.alpha app.beta",
+        command(*concurrent, on ? "enable" : "disable",
+                on ? "Put apps in concurrent mode" : "Take apps out of concurrent mode", turns,
                 [this, on] { return switchConcurrent(apps_, on); })
             ->add_option("APPID", apps_, "Ids of the apps; [a,b] is the same as a b")
             ->required();
@@ -226,18 +223,6 @@ void CommandLine::addWatch()
     jsonFlag(watch, "Print one JSON object a line, with date and zone");
 }
 
-void CommandLine::addSelftest()
-{
-    command(app_, "selftest", "Check that the platform does what the library relies on",
-            "Prints a line for each check, which begins with ok or FAIL, and ends with 0 if all hold. No setting is\n"
-            "touched: it writes keys under memory/zolctl/selftest/ and sets them back. Only one run at a time.\n"
-            "Example: zolctl selftest --timeout 10",
-            [this] { return selftest(timeout_); })
-        ->add_option("--timeout", timeout_, "Give each check that many seconds; 2 if not given")
-        ->check(CLI::Range(0.1, 3600.0))
-        ->type_name("SECONDS");
-}
-
 int CommandLine::run(std::vector<std::string> arguments)
 {
     if (!arguments.empty() && arguments[0] == "__complete") {  // what the shells' completion asks
@@ -254,7 +239,7 @@ int CommandLine::run(std::vector<std::string> arguments)
     } catch (const CLI::ParseError& error) {
         return answer(error);
     }
-    chooseLog(verbose_);
+    logTarget_ = chooseLog(verbose_);
     return chosen_();
 }
 

@@ -127,14 +127,10 @@ std::vector<std::string> Setting::access() const
 
 namespace {
 
-bool sameLetter(char a, char b)
-{
-    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-}
-
 // How many letters must be added, removed or replaced to make `a` of `b`; upper and lower case are the same.
 std::size_t editDistance(const std::string& a, const std::string& b)
 {
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
     std::vector<std::size_t> row(b.size() + 1);
     for (std::size_t j = 0; j <= b.size(); ++j) {
         row[j] = j;
@@ -143,7 +139,7 @@ std::size_t editDistance(const std::string& a, const std::string& b)
         std::size_t diagonal = row[0];
         row[0] = i;
         for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t replaced = diagonal + (sameLetter(a[i - 1], b[j - 1]) ? 0 : 1);
+            const std::size_t replaced = diagonal + (lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1);
             diagonal = row[j];
             row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
         }
@@ -158,8 +154,7 @@ std::string nearest(const std::string& word, const std::vector<std::string>& wor
     std::string found;
     std::size_t least = word.size() / 3 + 2;  // further away than that, it was no slip of the finger
     for (const std::string& each : words) {
-        const bool tooLong = word.size() >= least + each.size();  // takes at least as many changes
-        const std::size_t distance = tooLong ? least : editDistance(word, each);
+        const std::size_t distance = word.size() > 100 ? least : editDistance(word, each);
         if (distance < least) {
             least = distance;
             found = each;

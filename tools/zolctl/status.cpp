@@ -28,14 +28,15 @@ void forEachIn(const fs::path& folder, Function function)
     }
 }
 
-std::uintmax_t bytesOnDisk(const fs::path& folder)
+// In KiB, on the disk.
+std::uintmax_t sizeOf(const fs::path& folder)
 {
-    std::uintmax_t bytes = 0;
+    std::uintmax_t blocks = 0;  // of 512 bytes
     forEachIn(folder, [&](const fs::path& file) {
         struct stat status {};
-        bytes += lstat(file.c_str(), &status) == 0 ? static_cast<std::uintmax_t>(status.st_blocks) * 512 : 0;
+        blocks += lstat(file.c_str(), &status) == 0 ? static_cast<std::uintmax_t>(status.st_blocks) : 0;
     });
-    return bytes;
+    return (blocks + 1) / 2;
 }
 
 // The other processes that have a file in that folder open.
@@ -78,8 +79,7 @@ bool printHalf(const char* title, bool isVolatile)
         text += "  folder     " + (folder.empty() ? "the platform does not tell" : escaped(folder)) +
                 "\n  state      can be used\n";
         if (!folder.empty()) {
-            text += "  size       " + std::to_string((bytesOnDisk(folder) + 1023) / 1024) + " KiB\n  processes  " +
-                    usersOf(folder) + "\n";
+            text += "  size       " + std::to_string(sizeOf(folder)) + " KiB\n  processes  " + usersOf(folder) + "\n";
         }
         print(text + "  settings   " + std::to_string(withValue) + " of " + std::to_string(all) + " have a value\n");
         return true;

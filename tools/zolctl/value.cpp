@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "ZOLTypedKeys.h"
 #include "error.h"
@@ -12,28 +13,6 @@
 
 namespace zolctl {
 namespace {
-
-std::optional<Value> readBy(const Setting& setting, const Operations<bool>& operations)
-{
-    if (operations.get()) {
-        return true;
-    }
-    int stored = 0;  // the getter says false for a stored false and for a key that cannot be read
-    return vconf_get_bool(setting.key, &stored) == 0 ? std::optional<Value>(stored == 1) : std::nullopt;
-}
-
-std::optional<Value> readBy(const Setting& setting, const Operations<int>& operations)
-{
-    int value = 0;
-    const bool done = operations.get != nullptr ? operations.get(value) : getInt(setting.key, value);
-    return done ? std::optional<Value>(value) : std::nullopt;
-}
-
-std::optional<Value> readBy(const Setting& /*setting*/, const Operations<std::string>& operations)
-{
-    std::string value;
-    return operations.get(value) ? std::optional<Value>(value) : std::nullopt;
-}
 
 int injectBy(const char* key, bool value) { return vconf_set_bool(key, value ? 1 : 0); }
 int injectBy(const char* key, int value) { return vconf_set_int(key, value); }
@@ -79,12 +58,27 @@ std::string toText(const Value& value)
 
 std::optional<Value> read(const Setting& setting)
 {
-    std::optional<Value> value =
-        std::visit([&](const auto& operations) { return readBy(setting, operations); }, setting.operations);
-    if (!value) {
-        checkStore(setting.key);
+    std::optional<Value> found;
+    std::string text;
+    int number = 0;
+    bool done = true;
+    if (const auto* texts = std::get_if<Operations<std::string>>(&setting.operations)) {
+        done = texts->get(text);
+        found = std::move(text);
+    } else if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {
+        done = numbers->get != nullptr ? numbers->get(number) : getInt(setting.key, number);
+        found = number;
+    } else if (!std::get<Operations<bool>>(setting.operations).get()) {
+        done = vconf_get_bool(setting.key, &number) == 0;  // the getter says false also for what cannot be read
+        found = number == 1;
+    } else {
+        found = true;
     }
-    return value;
+    if (!done) {
+        checkStore(setting.key);
+        found.reset();
+    }
+    return found;
 }
 
 std::string whyNoValue(const Setting& setting)

@@ -20,6 +20,7 @@
 #include <future>
 #include <iterator>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -43,40 +44,33 @@ struct Event {
 
 // ---- the queue ------------------------------------------------------------------------------------------------------
 
-class Queue {
-public:
-    void push(Event event)
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        events_.push_back(std::move(event));
-        added_.notify_one();
-    }
-
-    Event take()
-    {
-        std::unique_lock<std::mutex> guard(lock_);
-        added_.wait(guard, [this] { return !events_.empty(); });
-        Event event = std::move(events_.front());
-        events_.pop_front();
-        return event;
-    }
-
-private:
-    std::mutex lock_;  // of the events
-    std::condition_variable added_;
-    std::deque<Event> events_;
+struct Queue {
+    std::mutex lock;  // of the events
+    std::condition_variable added;
+    std::deque<Event> events;
 };
+Queue& queue = *new Queue;
 
-Queue& queue()
+void push(Event event)
 {
-    static auto& queue = *new Queue;
-    return queue;
+    const std::lock_guard<std::mutex> guard(queue.lock);
+    queue.events.push_back(std::move(event));
+    queue.added.notify_one();
+}
+
+Event take()
+{
+    std::unique_lock<std::mutex> guard(queue.lock);
+    queue.added.wait(guard, [] { return !queue.events.empty(); });
+    Event event = std::move(queue.events.front());
+    queue.events.pop_front();
+    return event;
 }
 
 template <class Type>
 void onChange(Type value, void* setting)
 {
-    queue().push({Clock::now(), static_cast<const Setting*>(setting), std::move(value)});
+    push({Clock::now(), static_cast<const Setting*>(setting), std::move(value)});
 }
 
 // The platform says in its log alone that this process fell behind, on the thread that then calls back, and that it
@@ -86,7 +80,7 @@ void onPlatformLog(const std::string& line)
     const std::size_t end = line.find(" writes are passed over");
     if (end != std::string::npos) {
         const std::size_t space = line.rfind(' ', end - 1);
-        queue().push({Clock::now(), nullptr, {}, std::strtoull(&line[space + 1], nullptr, 10)});
+        push({Clock::now(), nullptr, {}, std::strtoull(&line[space + 1], nullptr, 10)});
     } else if (line.rfind("delivery: ", 0) == 0) {
         printError(line);
     }
@@ -102,9 +96,9 @@ void subscribe(const Setting& setting)
         },
         setting.operations);
     if (!done) {
-        const std::string reason = platformReason();
         checkStore(setting.key);
-        throw Failure(std::string("cannot watch ") + setting.name + ", because the platform refused it: " + reason);
+        throw Failure(std::string("cannot watch ") + setting.name +
+                      ": the platform refused it; add -v to see its reason");
     }
 }
 
@@ -133,33 +127,29 @@ std::vector<std::string> missingFrom(const Apps& these, const Apps& those)
 }
 
 // Makes lines of events.
-class Printer {
-public:
-    Printer(const WatchOptions& options, Apps apps) : json_(options.json), diff_(options.diff), apps_(std::move(apps))
-    {
-    }
+struct Printer {
+    bool json;
+    bool diff;
+    Apps apps;            // that were on before
+    bool failed = false;  // whether a value had to be left out
 
     std::string line(const Event& event)
     {
         if (event.setting == nullptr) {
             const std::string number = std::to_string(event.passedOver);
-            return json_ ? R"({"time":")" + textOf(event.time, true) + R"(","passedOver":)" + number + "}\n"
-                         : textOf(event.time, false) + "  (" + number +
-                               " writes were passed over, since this watcher fell behind)\n";
+            return json ? R"({"time":")" + textOf(event.time, true) + R"(","passedOver":)" + number + "}\n"
+                        : textOf(event.time, false) + "  (" + number +
+                              " writes were passed over, since this watcher fell behind)\n";
         }
-        if (diff_ && event.setting->isAppList()) {
+        if (diff && event.setting->isAppList()) {
             return diffLine(event);
         }
-        if (!json_) {
+        if (!json) {
             return textLine(event, escaped(toText(event.value)));
         }
         return jsonLine(event, [&](auto& writer) { return writeMember(writer, "value", *event.setting, event.value); });
     }
 
-    /// Whether a value had to be left out.
-    bool failed() const { return failed_; }
-
-private:
     static std::string textLine(const Event& event, const std::string& what)
     {
         return textOf(event.time, false) + "  " + styled(Style::Name, event.setting->name) + "  " + what + "\n";
@@ -175,7 +165,7 @@ private:
         writeJson(writer, textOf(event.time, true));
         writer.Key("name");
         writer.String(event.setting->name);
-        failed_ = !writeRest(writer) || failed_;
+        failed = !writeRest(writer) || failed;
         writer.EndObject();
         return toString(buffer) + "\n";
     }
@@ -183,10 +173,10 @@ private:
     std::string diffLine(const Event& event)
     {
         const std::optional<Apps> parsed = appsThatAreOn(std::get<std::string>(event.value));
-        const Apps before = std::exchange(apps_, parsed.value_or(Apps()));
-        const std::vector<std::string> on = missingFrom(before, apps_);
-        const std::vector<std::string> off = missingFrom(apps_, before);
-        if (json_) {
+        const Apps before = std::exchange(apps, parsed.value_or(Apps()));
+        const std::vector<std::string> on = missingFrom(before, apps);
+        const std::vector<std::string> off = missingFrom(apps, before);
+        if (json) {
             return jsonLine(event, [&](auto& writer) {
                 writer.Key("on");
                 const bool all = writeArray(writer, on);
@@ -195,20 +185,14 @@ private:
             });
         }
         std::string what;
-        for (const std::string& app : on) {
-            what += " +" + escaped(app);
-        }
-        for (const std::string& app : off) {
-            what += " -" + escaped(app);
+        for (const auto& [sign, list] : {std::pair(" +", &on), std::pair(" -", &off)}) {
+            for (const std::string& app : *list) {
+                what += sign + escaped(app);
+            }
         }
         what += !parsed ? " (not a list)" : what.empty() ? " (no app changed)" : "";
         return textLine(event, what.substr(1));
     }
-
-    bool json_;
-    bool diff_;
-    bool failed_ = false;
-    Apps apps_;  // that were on before
 };
 
 std::atomic<std::size_t> seen{0};  // changes that were printed
@@ -220,12 +204,12 @@ int printEvents(const std::vector<Event>& first, std::size_t count, const std::o
     }
     bool reached = until && !first.empty() && first.back().value == *until;
     while (!reached) {
-        const Event event = queue().take();
+        const Event event = take();
         print(printer.line(event));
         seen += event.setting != nullptr ? 1 : 0;
         reached = (count != 0 && seen == count) || (until && event.setting != nullptr && event.value == *until);
     }
-    return printer.failed() ? kExitFailed : 0;
+    return printer.failed ? kExitFailed : 0;
 }
 
 // As a write would, also while there is nothing to write.
@@ -240,25 +224,25 @@ int printEvents(const std::vector<Event>& first, std::size_t count, const std::o
 
 std::vector<const Setting*> settingsToWatch(const std::vector<std::string>& names)
 {
-    std::vector<const Setting*> all;
-    std::vector<std::string> allNames;
-    for (const Setting& setting : allSettings()) {
-        if (setting.watchable()) {
-            all.push_back(&setting);
-            allNames.emplace_back(setting.name);
-        }
+    std::set<const Setting*> wanted;
+    for (const std::string& name : names) {
+        wanted.insert(&findSetting(name));
     }
     std::vector<const Setting*> settings;
-    for (const std::string& name : names) {
-        const Setting* const setting = &findSetting(name);
-        if (!setting->watchable()) {
-            throw UsageError(name + " cannot be watched; these can: " + joined(allNames, ", "));
-        }
-        if (std::find(settings.begin(), settings.end(), setting) == settings.end()) {
-            settings.push_back(setting);
+    std::vector<std::string> watchable;
+    for (const Setting& setting : allSettings()) {
+        if (setting.watchable()) {
+            watchable.emplace_back(setting.name);
+            if (names.empty() || wanted.erase(&setting) != 0) {
+                settings.push_back(&setting);
+            }
         }
     }
-    return names.empty() ? all : settings;
+    if (!wanted.empty()) {
+        throw UsageError(std::string((*wanted.begin())->name) +
+                         " cannot be watched; these can: " + joined(watchable, ", "));
+    }
+    return settings;
 }
 
 }  // namespace
@@ -293,8 +277,9 @@ int watch(const WatchOptions& options)
     (void)std::fprintf(stderr, "watching %zu setting%s\n", settings.size(), settings.size() == 1 ? "" : "s");
 
     std::thread(endWithReader).detach();
-    std::packaged_task<int()> printing(
-        [=, printer = Printer(options, std::move(apps))] { return printEvents(first, options.count, until, printer); });
+    std::packaged_task<int()> printing([=, printer = Printer{options.json, options.diff, std::move(apps)}] {
+        return printEvents(first, options.count, until, printer);
+    });
     std::future<int> end = printing.get_future();
     std::thread(std::move(printing)).detach();
     const std::chrono::duration<double> limit(options.timeout.value_or(0));
