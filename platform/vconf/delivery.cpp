@@ -34,7 +34,7 @@ Lifetime lifetimeOf(std::string_view key)
 void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, vconf_callback_fn handler,
                          void* userData)
 {
-    const std::string signal = store.folder() + "/signal";  // opens the store, which takes a while, before the lock
+    const std::string signal = store.signalPath();  // opens the store, which may take a while, before the lock is taken
     const std::lock_guard<std::mutex> guard(lock_);
     const auto known = subscriptions_.find(key);
     if (known != subscriptions_.end()) {
@@ -137,10 +137,9 @@ void Delivery::run()
 {
     pthread_setname_np(pthread_self(), "vconf");
     std::chrono::milliseconds pause = kPauseAfterError;
-    const int signals = [this] {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return signals_;
-    }();
+    std::unique_lock<std::mutex> guard(lock_);
+    const int signals = signals_;
+    guard.unlock();
     alignas(inotify_event) char events[4096];
     for (;;) {
         try {

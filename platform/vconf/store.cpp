@@ -260,10 +260,10 @@ void Store::checkDataFile(size_t toWrite) const
     }
 }
 
-std::string Store::folder()
+std::string Store::signalPath()
 {
     [[maybe_unused]] const Use inUse = use();
-    return folder_;
+    return folder_ + "/signal";
 }
 
 bool Store::isRemoved()

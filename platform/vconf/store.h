@@ -57,9 +57,9 @@ public:
     /// Stores a value and journals the write, both or neither. A persistent value is on disk after that.
     void write(std::string_view key, int type, std::string_view data);
 
-    /// The folder. Its file `signal` is written to after every write, and closed by a process that ends, whichever way,
-    /// so that a watcher of the file also learns of a write whose writer was killed before it could tell.
-    std::string folder();
+    /// The file that is written to after every write. A process that has it open for writing and ends, whichever way,
+    /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
+    std::string signalPath();
 
     /// Whether the folder was removed; what is open then is nobody else's any more.
     bool isRemoved();
@@ -109,6 +109,7 @@ public:
     bool writeAfter(uint64_t sequence, Record& record) const;
     /// @return the sequence number of the latest write, 0 when there is none.
     uint64_t lastSequence() const;
+    const std::string& folder() const { return store_.folder_; }
 
 private:
     const Store& store_;

@@ -215,9 +215,9 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
     });
 }
 
-/// For tools on a desk, so not in vconf.h: a copy from malloc of the path of the key's half, or null where that fails.
+/// For tools on a desk, so not in vconf.h: a copy from malloc of the path of the key's half, or null if it is unusable.
 extern "C" char* vconf_desk_folder(const char* key)
 {
     return guarded(__func__, static_cast<char*>(nullptr),
-                   [=] { return strdup(storeOf(lifetimeOf(checkedKey(key))).folder().c_str()); });
+                   [=] { return strdup(ReadTransaction(storeOf(lifetimeOf(checkedKey(key)))).folder().c_str()); });
 }

@@ -44,20 +44,16 @@ std::string platformReason() { return lastLine.empty() ? "the platform's log may
 void watchPlatformLog(void (*function)(const std::string& line)) { lineWatcher = function; }
 const TextWrite& lastTextWrite() { return lastWrite; }
 
-void checkStore(const char* key)
+std::string checkStore(const char* key)
 {
-    // A key without a value can be subscribed to as well, so this fails only where the store cannot be used.
+    const bool isDesk = vconf_desk_folder != nullptr;
+    const Text folder(isDesk ? vconf_desk_folder(key) : nullptr, std::free);
+    // On a TV a subscription tells: a key without a value can be subscribed to as well.
     const vconf_callback_fn ignored = [](keynode_t*, void*) {};
-    if (vconf_notify_key_changed(key, ignored, nullptr) != 0) {
+    if (isDesk ? !folder : vconf_notify_key_changed(key, ignored, nullptr) != 0) {
         throw NoStore("the store cannot be used: " + platformReason());
     }
-    vconf_ignore_key_changed(key, ignored);
-}
-
-std::string storeFolder(const char* key)
-{
-    checkStore(key);
-    const Text folder(vconf_desk_folder == nullptr ? nullptr : vconf_desk_folder(key), std::free);
+    isDesk ? 0 : vconf_ignore_key_changed(key, ignored);
     return folder ? folder.get() : "";
 }
 

@@ -19,12 +19,9 @@ struct TextWrite {
 };
 const TextWrite& lastTextWrite();
 
-/// @throws NoStore, with the platform's reason, when the store that holds the key cannot be used.
-void checkStore(const char* key);
-
 /// The folder of the store that holds the key, or an empty text where the platform does not tell it.
-/// @throws NoStore when the store cannot be used.
-std::string storeFolder(const char* key);
+/// @throws NoStore, with the platform's reason, when the store cannot be used.
+std::string checkStore(const char* key);
 
 }  // namespace zolctl
 

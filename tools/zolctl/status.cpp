@@ -72,7 +72,7 @@ bool printHalf(const char* title, bool isVolatile)
         std::string folder;
         for (const Setting& setting : allSettings()) {
             if ((std::string(setting.key).rfind("memory/", 0) == 0) == isVolatile) {
-                folder = all++ == 0 ? storeFolder(setting.key) : folder;
+                folder = all++ == 0 ? checkStore(setting.key) : folder;
                 withValue += read(setting) ? 1 : 0;
             }
         }

@@ -96,9 +96,9 @@ void subscribe(const Setting& setting)
         },
         setting.operations);
     if (!done) {
+        const std::string reason = platformReason();
         checkStore(setting.key);
-        throw Failure(std::string("cannot watch ") + setting.name +
-                      ": the platform refused it; add -v to see its reason");
+        throw Failure(std::string("cannot watch ") + setting.name + ", because the platform refused it: " + reason);
     }
 }
 
