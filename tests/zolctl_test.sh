@@ -1,7 +1,7 @@
 #!/bin/bash
 # Tests zolctl from the outside, with a store of its own.
 # Usage: tests/zolctl_test.sh ZOLCTL SOURCE_DIR
-# shellcheck disable=SC2013,SC2016,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
+# shellcheck disable=SC2013,SC2016,SC2030,SC2031,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
 set -uo pipefail
 
 zolctl=$(realpath "$1")
@@ -78,8 +78,7 @@ int vconf_get_bool(const char* key, int* value) {
     constexpr char kText[] = "memory/zolctl/selftest/text";
     if (fault == "write") vconf_set_str(kText, "mine");
     if (fault == "type") NEXT(vconf_set_int)("db/menu/network/devicename/tv_name", 1);
-    static int rest = 5000;
-    while (fault == "many" && rest-- > 0) vconf_set_str("memory/was/app_install", "many");
+    for (static int rest = 5000; fault == "many" && rest > 0; --rest) vconf_set_str("memory/was/app_install", "many");
     static const char* const stored = vconf_get_str(kText);
     if (fault == "show") std::puts(stored), std::fflush(stdout);
     return fault == "reads" ? 0 : NEXT(vconf_get_bool)(key, value);
@@ -116,13 +115,11 @@ check "lowest" 0 "" "" inject BackgroundVolume -2147483648
 "$zolctl" load "$example" || fail "load of the example"
 same "dump gives what was loaded" "$(export ZOL_VCONF_DIR=$work/other && "$zolctl" load "$example" && "$zolctl" dump)" "$(<"$example")"
 check "get several" 0 $'OSDLanguage=en_GB\nAmbientMode=on' "" get db/menu_widget/language AmbientMode
-check "get --json" 0 $'{\n    "AmbientMode": true\n}' "" get AmbientMode --json
 "$zolctl" concurrent enable app.x app.y
 "$zolctl" concurrent disable org.example.alpha app.x
 check "concurrent list" 0 '["app.y"]' "" concurrent list --json
 for app in {1..20}; do "$zolctl" concurrent enable "app.$app" & done && wait
 same "twenty at once" "$("$zolctl" concurrent list | grep -c .)" 21
-"$zolctl" concurrent disable app.{1..20}
 for app in a b c; do for value in {1..25}; do "$zolctl" set OSDLanguage "$app$value" || echo "$value"; done & done >"$work/out" 2>&1 && wait
 same "three writers: refused" "$(<"$work/out")" ""
 
@@ -170,10 +167,9 @@ for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "conc
     ZOL_VCONF_DIR=$work/before/store check "unusable store: $command" 3 "" \
         "the store cannot be used: cannot create folder $work/before/store: Not a directory" $command
 done
-[[ $(ZOL_VCONF_DIR=store "$zolctl" status) == *"ZOL_VCONF_DIR must be an absolute path"* ]] || fail "status of an unusable store"
+[[ $(ZOL_VCONF_DIR=store "$zolctl" status || echo $?) == *"ZOL_VCONF_DIR must be an absolute path"*3 ]] || fail "status of an unusable store"
 
-"$zolctl" set OSDLanguage same
-for command in "set OSDLanguage same" "concurrent enable app.y"; do
+for command in "set AovModeSetter user" "concurrent enable app.y"; do
     (with_fault refuses $command) 2>/dev/null && fail "refused by the platform: $command"
 done
 (with_fault type get ZOLActivated) >/dev/null
@@ -194,8 +190,7 @@ for command in list --help --version; do "$zolctl" $command >/dev/full 2>/dev/nu
 for text in $'a\nb' 'a\x0ab' -; do "$zolctl" set OSDLanguage - <<<"$text" && "$zolctl" list OSDL; done >"$work/out"
 same "list: no two values look alike" "$(awk '!/^NAME/ { print $4 }' "$work/out")" $'a\\x0ab\na\\\\x0ab\n\\x2d'
 "$zolctl" list >&- 2>/dev/null && fail "closed output"
-[[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null) == *libZOL* ]] || fail "-v shows the log"
-[[ $(ZOL_DLOG=stderr "$zolctl" get OSDCountry 2>&1 >/dev/null) == *libZOL* ]] || fail "ZOL_DLOG=stderr shows the log"
+[[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null)$(ZOL_DLOG=stderr "$zolctl" get OSDCountry 2>&1 >/dev/null) == *libZOL*libZOL* ]] || fail "the log"
 
 # ---- watch ----
 start_watch "$(names '$3 ~ /watch/' | wc -l)" --json >"$work/out"
@@ -216,7 +211,6 @@ end_watch "watch and INT" 130 INT
 same "watch --diff" "$(grep -v Install "$work/out" | cut -d' ' -f5-)" $'+b\n-a\n(no app changed)\n-b (not a list)'
 check "watch timeout" 1 "" "timed out after 0 of 1" watch ZOLActivated --count 1 --timeout 0.05
 check "watch for a time" 0 "" "watching 1 setting" watch ZOLActivated ZOLActivated --timeout 0.05
-"$zolctl" set ZOLActivated on
 same "watch --until what is" "$("$zolctl" watch ZOLActivated --until on 2>&1 | cut -d' ' -f3-)" $'setting\nZOLActivated  on'
 start_watch 99 ZOLActivated ZOLLanguage --initial >"$work/out"
 "$zolctl" set ZOLActivated off
@@ -224,20 +218,17 @@ until_true "watch --initial" grep -q off "$work/out"
 end_watch "watch --initial" 143 TERM
 same "watch --initial" "$(cut -d' ' -f3- "$work/out")" $'ZOLLanguage  1\nZOLActivated  on\nZOLActivated  off'
 
-# Changes that are passed over, since the watcher stands still.
 start_watch 99 WebAppInstall --json >"$work/out"
 kill -STOP "$watcher"
 (with_fault many get ZOLActivated) >/dev/null
 kill -CONT "$watcher"
 until_true "the last change" grep -q '"value":"many"' "$work/out"
 end_watch "watch that falls behind" 143 TERM
-passed=$(sed -n 's/^{"time":"[^"]*","passedOver":\([0-9]*\)}$/\1/p' "$work/out")
-same "watch that falls behind: every change is printed or counted" $((passed + $(grep -c many "$work/out"))) 5000
+same "watch that falls behind: every change is printed or counted" 5000 \
+    $(($(sed -n 's/^{"time":"[^"]*","passedOver":\([0-9]*\)}$/\1/p' "$work/out") + $(grep -c many "$work/out")))
 
 mkfifo "$work/pipe"
-exec 3<>"$work/pipe"
-start_watch 99 >"$work/pipe"
-exec 3>&-
+start_watch 99 > >(:)
 end_watch "watch whose reader is gone" 141
 exec 3<>"$work/pipe"
 : >"$work/log"

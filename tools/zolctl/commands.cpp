@@ -95,12 +95,13 @@ int printTable(const Values& values, bool withKey)
             width = std::max(width, line.at(column).size());
         }
         for (auto& line : lines) {
-            line.at(column).resize(column == 3 && !withKey ? 0 : width + 2, ' ');
+            std::string& cell = line.at(column);
+            cell.resize(column == 3 && !withKey ? 0 : width + 2, ' ');
         }
     }
     std::string text;
-    for (const auto& [name, type, access, key, value] : lines) {
-        const std::string line = name + type + access + key + value;
+    for (const auto& cells : lines) {
+        const std::string line = joined({cells.begin(), cells.end()}, "");
         text += (text.empty() ? styled(Style::Bold, line) : line) + "\n";
     }
     print(text);
@@ -166,6 +167,7 @@ int dump() { return printObject(readLike("")); }
 int get(const std::vector<std::string>& names, bool json)
 {
     std::vector<const Setting*> settings;
+    settings.reserve(names.size());
     for (const std::string& name : names) {
         settings.push_back(&findSetting(name));
     }
@@ -222,7 +224,7 @@ int describe(const std::string& name)
         {setting.watchable(), "ZOLSystemDataNotify", "Unregister" + stem + "Callback"}};
     std::string calls;
     for (const auto& [exists, owner, operation] : operations) {
-        calls += exists ? "\n    " + owner + "::" + operation + "\n    " + owner + operation : "";
+        calls += exists ? joined({"\n    ", owner, "::", operation, "\n    ", owner, operation}, "") : "";
     }
     const bool isText = setting.type() == std::string("string") && !setting.isAppList();
     const std::optional<Value> value = read(setting);

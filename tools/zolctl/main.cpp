@@ -254,7 +254,7 @@ int CommandLine::answer(const CLI::ParseError& error) const
     }
     const auto rest = app_.remaining(true);
     const std::string word = rest.empty() ? "" : rest.front();
-    const bool isOption = word[0] == '-';
+    const bool isOption = word.rfind('-', 0) == 0;
     std::vector<std::string> commands;
     for (const CLI::App* each : at->get_subcommands({})) {
         commands.push_back(each->get_name());

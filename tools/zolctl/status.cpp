@@ -65,10 +65,10 @@ std::string usersOf(const fs::path& folder)
 // One half of the store: the settings whose keys begin with "memory/", or all others.
 bool printHalf(const char* title, bool isVolatile)
 {
-    std::size_t all = 0;
-    std::size_t withValue = 0;
     std::string text = std::string(title) + "\n";
     try {
+        std::size_t all = 0;
+        std::size_t withValue = 0;
         std::string folder;
         for (const Setting& setting : allSettings()) {
             if ((std::string(setting.key).rfind("memory/", 0) == 0) == isVolatile) {

@@ -59,10 +59,10 @@ std::string toText(const Value& value)
 std::optional<Value> read(const Setting& setting)
 {
     std::optional<Value> found;
-    std::string text;
     int number = 0;
     bool done = true;
     if (const auto* texts = std::get_if<Operations<std::string>>(&setting.operations)) {
+        std::string text;
         done = texts->get(text);
         found = std::move(text);
     } else if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {

@@ -49,10 +49,15 @@ struct Queue {
     std::condition_variable added;
     std::deque<Event> events;
 };
-Queue& queue = *new Queue;
+Queue& theQueue()
+{
+    static auto& queue = *new Queue;
+    return queue;
+}
 
 void push(Event event)
 {
+    Queue& queue = theQueue();
     const std::lock_guard<std::mutex> guard(queue.lock);
     queue.events.push_back(std::move(event));
     queue.added.notify_one();
@@ -60,8 +65,9 @@ void push(Event event)
 
 Event take()
 {
+    Queue& queue = theQueue();
     std::unique_lock<std::mutex> guard(queue.lock);
-    queue.added.wait(guard, [] { return !queue.events.empty(); });
+    queue.added.wait(guard, [&] { return !queue.events.empty(); });
     Event event = std::move(queue.events.front());
     queue.events.pop_front();
     return event;
@@ -113,8 +119,8 @@ std::string textOf(Clock::time_point time, bool withDate)
     localtime_r(&seconds, &local);
     std::array<char, 32> text{};
     std::array<char, 8> zone{};
-    std::strftime(text.data(), text.size(), withDate ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &local);
-    std::strftime(zone.data(), zone.size(), "%z", &local);  // as +0100
+    (void)std::strftime(text.data(), text.size(), withDate ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &local);
+    (void)std::strftime(zone.data(), zone.size(), "%z", &local);  // as +0100
     const std::string fraction = std::to_string(1000 + milliseconds % 1000).replace(0, 1, ".");
     return text.data() + fraction + (withDate ? std::string(zone.data()).insert(3, ":") : "");
 }
