@@ -191,8 +191,8 @@ struct Printer {
             });
         }
         std::string what;
-        for (const auto& [sign, list] : {std::pair(" +", &on), std::pair(" -", &off)}) {
-            for (const std::string& app : *list) {
+        for (const auto& [sign, those] : {std::pair(" +", &on), std::pair(" -", &off)}) {
+            for (const std::string& app : *those) {
                 what += sign + escaped(app);
             }
         }
@@ -225,7 +225,8 @@ int printEvents(const std::vector<Event>& first, std::size_t count, const std::o
     while (poll(&output, 1, -1) < 0) {
     }
     (void)std::raise(SIGPIPE);
-    std::_Exit(kExitFailed);  // where that signal is ignored
+    // cppcheck-suppress unreachableCode ; where that signal is ignored
+    std::_Exit(kExitFailed);
 }
 
 std::vector<const Setting*> settingsToWatch(const std::vector<std::string>& names)
