@@ -48,11 +48,11 @@ while IFS='|' read -r words expected; do
     same "completion of $words" "$expected" "$(offered "${typed[@]}")"
 done <<END
 -v_set_ZOLM|ZOLMultipleMode
-set_ZOLActivated_|on off
+set_ZOLActivated_|off on
 inject_ModelI|ModelId
 watch_--json_--count_3_ZOLA|ZOLActivated
 watch_ZOLActivated_ZOLA|
-concurrent_disable_app|app.b app\\ \\\$\\(touch\\ x\\)
+concurrent_disable_app|app\\ \\\$\\(touch\\ x\\) app.b
 load_$work/st|$work/store
 END
 

@@ -54,19 +54,60 @@ end_watch() {
     watcher=
 }
 
+# A library in front of the platform that breaks one promise.
+"${CXX:-c++}" -std=c++17 -shared -fPIC "-I$source_dir/platform/vconf/include" -x c++ - -o "$work/faults.so" <<'END' || fail "faults"
+#include <dlfcn.h>
+#include <unistd.h>
+#include <vconf.h>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#define NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+constexpr char kText[] = "memory/zolctl/selftest/text";
+const std::string& fault = *new std::string(std::getenv("FAULT"));  // threads use it to the very end
+int vconf_set_str(const char* key, const char* value) {
+    static int seconds = 0;
+    if (fault == "refuses") return -1;
+    const bool lost = fault == "lost" && value == std::string("second") && ++seconds % 2 == 0;
+    return lost ? 0 : NEXT(vconf_set_str)(key, value);
+}
+int vconf_set_int(const char* key, int value) {
+    while (fault == "stuck" && value == 0 && key != std::string(kText)) pause();
+    return NEXT(vconf_set_int)(key, value);
+}
+int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler) {
+    while (fault == "hangs" && key == std::string(kText)) pause();
+    return fault == "ignored" ? 0 : NEXT(vconf_ignore_key_changed)(key, handler);
+}
+int vconf_get_bool(const char* key, int* value) {
+    if (fault == "write") vconf_set_str(kText, "mine");
+    if (fault == "type") NEXT(vconf_set_int)("db/menu/network/devicename/tv_name", 1);
+    for (static int rest = 5000; fault == "many" && rest > 0; --rest) vconf_set_str("memory/was/app_install", "many");
+    static const char* const stored = vconf_get_str(kText);
+    if (fault == "show") std::puts(stored), std::fflush(stdout);
+    return fault == "reads" ? 0 : NEXT(vconf_get_bool)(key, value);
+}
+END
+with_fault() {
+    FAULT=$1 LD_PRELOAD=$work/faults.so ASAN_OPTIONS=${ASAN_OPTIONS-}:verify_asan_link_order=0 exec "$zolctl" "${@:2}"
+}
+
 # ---- the table of settings ----
 "$zolctl" list >"$work/list" 2>"$work/list.err"
-same "list: a new store is told apart" "$(cut -c1-32 "$work/list.err")" "zolctl: no setting has a value; "
+same "list: a new store is told apart" "$(<"$work/list.err")" "zolctl: none of these settings has a value"
 names() { awk "NR > 1 && $1 { print \$1 }" "$work/list"; }
 exported() { sed -nE "s/^ZOLSystemData($1)([A-Za-z]+)$2\$/\\2/p" "$source_dir/src/exports.txt" | sort -u; }
 same "list: what can be read" "$(names '$3 ~ /read/' | sort)" "$(exported "Get|Is" "")"
 same "list: what can be written" "$(names '$3 ~ /write/' | sort)" "$(exported Set "")"
 same "list: what can be watched" "$(names '$3 ~ /watch/' | sort)" "$(exported NotifyRegister Callback)"
+for name in $(names 1); do "$zolctl" describe "$name"; done >"$work/described"
+same "describe: each operation in both forms" "$(grep -oE 'ZOLSystemData[A-Za-z:]+$' "$work/described" | sed s/::// | sort | uniq -d)" \
+    "$(grep -xE 'ZOLSystemData[A-Za-z]+' "$source_dir/src/exports.txt" | sort)"
 
 # ---- reading and writing ----
-check "unset boolean" 1 "" "zolctl set ZOLActivated VALUE" get ZOLActivated
+check "unset boolean" 1 "" "ZOLActivated has no value; write one with zolctl set ZOLActivated VALUE" get ZOLActivated
 check "unset app list" 1 "" "concurrent enable APPID" concurrent list
-check "empty dump" 0 "{}" "no setting has a value" dump
+check "empty dump" 0 "{}" "none of these settings has a value" dump
 sed 's/: true/: false/' "$example" | "$zolctl" load -
 for name in $(names '$2 == "boolean"'); do
     "$zolctl" inject "$name" 1
@@ -77,16 +118,26 @@ for name in $(names '$3 ~ /write/'); do check "set $name" 0 "" "" set "$name" on
 check "lowest" 0 "" "" inject BackgroundVolume -2147483648
 "$zolctl" load "$example" || fail "load of the example"
 same "dump gives what was loaded" "$(export ZOL_VCONF_DIR=$work/other && "$zolctl" load "$example" && "$zolctl" dump)" "$(<"$example")"
-check "get --json" 0 $'{\n    "AmbientMode": true\n}' "" get AmbientMode --json
+check "get several" 0 $'OSDLanguage=en_GB\nAmbientMode=on' "" get db/menu_widget/language AmbientMode
 "$zolctl" concurrent enable app.x app.y
 "$zolctl" concurrent disable org.example.alpha app.x
 check "concurrent list" 0 '["app.y"]' "" concurrent list --json
+for app in {1..20}; do "$zolctl" concurrent enable "app.$app" & done && wait
+same "twenty at once" "$("$zolctl" concurrent list | grep -c .)" 21
+for app in a b c; do for value in {1..25}; do "$zolctl" set OSDLanguage "$app$value" || echo "$value"; done & done >"$work/out" 2>&1 && wait
+same "three writers: refused" "$(<"$work/out")" ""
 
 # ---- refusals ----
 "$zolctl" dump >"$work/before"
 while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $arguments; done <<'END'
 |zolctl --help
 concurrent on app.x|unknown command on; zolctl concurrent --help
+concurrent enable -x|unknown option -x; put -- before a text that begins with a dash; zolctl concurrent enable --help
+set OSDLanguage -x|unknown option -x; put -- before a text
+lsit|unknown command lsit; did you mean list?
+help gte|did you mean get?
+list Xyz|no setting is called like Xyz
+watch --until on|--until needs the name of one setting
 get osdlanguag|did you mean OSDLanguage?
 get Xyz|zolctl list shows
 set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE
@@ -103,7 +154,7 @@ while IFS='|' read -r text err; do
 done <<END
 {"TVName":"x","TvName":"x"}|file.json: unknown setting TvName; did you mean TVName?
 {"TVName":"x","BackgroundVolume":1.0}|from -2147483648 to
-{"TVName":"x","TVName":"x"}|TVName stands there twice
+{"TVName":"x","TVName":"x"}|TVName appears twice
 {"TVName":"x\\\\u0000y"}|NUL character
 {"TVName":"x"}\\n{|line 2: not JSON
 {"TVName":"x"}\\0000{|line 1: not JSON: a NUL character
@@ -112,10 +163,21 @@ $(printf '[%.0s' {1..100000})|not JSON
 END
 { printf '{"TVName":"x","OSDCountry":"' && head -c 67108865 /dev/zero | tr '\0' v && printf '"}'; } >"$work/file.json"
 check "load of a text that is too long" 2 "" "OSDCountry is longer than 64 MiB" load "$work/file.json"
+echo '{"TVName":"dry","ZOLActivated":true}' >"$work/file.json"
+check "dry run" 0 $'TVName=dry\nZOLActivated=on' "" load --dry-run "$work/file.json"
 same "refused, so nothing is written" "$("$zolctl" dump)" "$(<"$work/before")"
-for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "concurrent enable a" "watch" "load $example"; do
-    ZOL_VCONF_DIR=$work/before/store check "unusable store: $command" 1 "" "-v" $command
+for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "concurrent enable a" "concurrent list" \
+    "watch" "load $example" "get TVName" "get AmbientMode" "list" "list --json" "dump" "describe TVName"; do
+    ZOL_VCONF_DIR=$work/before/store check "unusable store: $command" 3 "" \
+        "the store cannot be used: cannot create folder $work/before/store: Not a directory" $command
 done
+[[ $(ZOL_VCONF_DIR=store "$zolctl" status || echo $?) == *"ZOL_VCONF_DIR must be an absolute path"*3 ]] || fail "status of an unusable store"
+
+for command in "set AovModeSetter user" "concurrent enable app.y"; do
+    (with_fault refuses $command) 2>/dev/null && fail "refused by the platform: $command"
+done
+(with_fault type get ZOLActivated) >/dev/null
+check "another type" 1 "" "TVName holds an integer, not its own type" get TVName
 
 # ---- output ----
 nasty=$'\e[2J\x07 \xc2\x9b \xc3\xbc'
@@ -128,75 +190,62 @@ same "escaped on a terminal" "$(on_terminal "get TVName")" '\x1b[2J\x07 \xc2\x9b
 same "dump and load" "$("$zolctl" dump | "$zolctl" load - && "$zolctl" get TVName)" "$nasty"
 "$zolctl" inject TVName $'\xff'
 check "not UTF-8" 1 "{}" "TVName is not UTF-8" get TVName --json
-"$zolctl" list >/dev/full 2>/dev/null && fail "full disk"
+for command in list --help --version; do "$zolctl" $command >/dev/full 2>/dev/null && fail "full disk: $command"; done
+for text in $'a\nb' 'a\x0ab' -; do "$zolctl" set OSDLanguage - <<<"$text" && "$zolctl" list OSDL; done >"$work/out"
+same "list: no two values look alike" "$(awk '!/^NAME/ { print $4 }' "$work/out")" $'a\\x0ab\na\\\\x0ab\n\\x2d'
 "$zolctl" list >&- 2>/dev/null && fail "closed output"
-[[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null) == *libZOL* ]] || fail "-v shows the log"
+[[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null)$(ZOL_DLOG=stderr "$zolctl" get OSDCountry 2>&1 >/dev/null) == *libZOL*libZOL* ]] || fail "the log"
 
 # ---- watch ----
 start_watch "$(names '$3 ~ /watch/' | wc -l)" --json >"$work/out"
 for name in $(names '$3 ~ /watch/'); do "$zolctl" inject "$name" 1; done
 end_watch "watch all" 0
 same "watch all" "$(cut -d'"' -f8 "$work/out")" "$(names '$3 ~ /watch/')"
-json='\{"time":"[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}","name":"[A-Za-z]+","value":("1"|1|true)\}'
+json='\{"time":"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}","name":"[A-Za-z]+","value":("1"|1|true)\}'
 same "watch all: other lines" "$(grep -vxE "$json" "$work/out")" ""
 "$zolctl" inject ZOLConcurrentAppList '[{"appid":"a","concurrent":"on"}]'
-ZOL_DLOG=$work/log start_watch 99 ZOLConcurrentAppList WebAppInstall --diff >"$work/out"
+start_watch 99 ZOLConcurrentAppList WebAppInstall --diff >"$work/out"
+same "status" "$("$zolctl" status | grep -cE "$ZOL_VCONF_DIR/(persistent|volatile)|$watcher \(|([0-9]+) of \2 have a value")" 6
 "$zolctl" concurrent enable b
 "$zolctl" concurrent disable a c
 "$zolctl" inject ZOLConcurrentAppList nothing
 "$zolctl" inject WebAppInstall $'a\nb'
 until_true "watch" grep -qE '^[0-9:.]{12}  WebAppInstall  a\\x0ab$' "$work/out"
-end_watch "watch and INT" 0 INT
-same "callbacks unregistered" "$(grep -c 'Remove callbackGenerator' "$work/log")" 2
+end_watch "watch and INT" 130 INT
 same "watch --diff" "$(grep -v Install "$work/out" | cut -d' ' -f5-)" $'+b\n-a\n(no app changed)\n-b (not a list)'
 check "watch timeout" 1 "" "timed out after 0 of 1" watch ZOLActivated --count 1 --timeout 0.05
 check "watch for a time" 0 "" "watching 1 setting" watch ZOLActivated ZOLActivated --timeout 0.05
+same "watch --until what is" "$("$zolctl" watch ZOLActivated --until on 2>&1 | cut -d' ' -f3-)" $'setting\nZOLActivated  on'
+start_watch 99 ZOLActivated ZOLLanguage --initial >"$work/out"
+"$zolctl" set ZOLActivated off
+until_true "watch --initial" grep -q off "$work/out"
+end_watch "watch --initial" 143 TERM
+same "watch --initial" "$(cut -d' ' -f3- "$work/out")" $'ZOLLanguage  1\nZOLActivated  on\nZOLActivated  off'
+
+start_watch 99 WebAppInstall --json >"$work/out"
+kill -STOP "$watcher"
+(with_fault many get ZOLActivated) >/dev/null
+kill -CONT "$watcher"
+until_true "the last change" grep -q '"value":"many"' "$work/out"
+end_watch "watch that falls behind" 143 TERM
+same "watch that falls behind: every change is printed or counted" 5000 \
+    $(($(sed -n 's/^{"time":"[^"]*","passedOver":\([0-9]*\)}$/\1/p' "$work/out") + $(grep -c many "$work/out")))
 
 mkfifo "$work/pipe"
+start_watch 99 > >(:)
+end_watch "watch whose reader is gone" 141
 exec 3<>"$work/pipe"
-start_watch 99 >"$work/pipe"
-exec 3>&-
-end_watch "watch whose reader is gone" 0
-exec 3<>"$work/pipe"
-start_watch 99 >"$work/pipe"
-"$zolctl" inject WebAppInstall "$(printf 'x%.0s' {1..100000})" # more than a pipe holds
-until_true "the first of it" [ "$(timeout 30 head -c 20000 <&3 | wc -c)" = 20000 ]
-end_watch "watch whose reader stands still" 0 TERM
+: >"$work/log"
+ZOL_DLOG=$work/log start_watch 99 WebAppInstall --json >"$work/pipe"
+for text in "$(printf 'x%.0s' {1..100000})" second third; do "$zolctl" inject WebAppInstall "$text"; done # more than a pipe holds
+called() { [ "$(grep -c "call cb" "$work/log")" = 3 ]; }
+until_true "watch whose reader stands still" called
+now=$(date +%Y-%m-%dT%H:%M:%S.%3N) && sleep 0.01
+timeout 30 grep -m 1 second <&3 >"$work/out"
+[[ $(cut -d'"' -f4 "$work/out") < $now~ ]] || fail "the time is that of the change, before $now: $(<"$work/out")"
+end_watch "watch and TERM" 143 TERM
 
 # ---- selftest ----
-# A library in front of the platform that breaks one promise.
-"${CXX:-c++}" -std=c++17 -shared -fPIC "-I$source_dir/platform/vconf/include" -x c++ - -o "$work/faults.so" <<'END' || fail "faults"
-#include <dlfcn.h>
-#include <unistd.h>
-#include <vconf.h>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#define NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
-constexpr char kText[] = "memory/zolctl/selftest/text";
-const std::string& fault = *new std::string(std::getenv("FAULT"));  // threads use it to the very end
-int vconf_set_str(const char* key, const char* value) {
-    static int seconds = 0;
-    return fault == "lost" && value == std::string("second") && ++seconds % 2 == 0 ? 0 : NEXT(vconf_set_str)(key, value);
-}
-int vconf_set_int(const char* key, int value) {
-    while (fault == "stuck" && value == 0 && key != std::string(kText)) pause();
-    return NEXT(vconf_set_int)(key, value);
-}
-int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler) {
-    while (fault == "hangs" && key == std::string(kText)) pause();
-    return fault == "ignored" ? 0 : NEXT(vconf_ignore_key_changed)(key, handler);
-}
-int vconf_get_bool(const char* key, int* value) {
-    if (fault == "write") vconf_set_str(kText, "mine");
-    static const char* const stored = vconf_get_str(kText);
-    if (fault == "show") std::puts(stored);
-    return fault == "reads" ? 0 : NEXT(vconf_get_bool)(key, value);
-}
-END
-with_fault() {
-    FAULT=$1 LD_PRELOAD=$work/faults.so ASAN_OPTIONS=${ASAN_OPTIONS-}:verify_asan_link_order=0 exec "$zolctl" "${@:2}"
-}
 same "selftest" "$("$zolctl" selftest --timeout 60 | grep -cE '^FAIL|^These keys had no value|^([0-9]+) of \1 checks hold')" 2
 (with_fault write get ZOLActivated) >"$work/out"
 same "selftest whose reader is gone" "$({ "$zolctl" selftest --timeout 60 | head -n 2 | wc -l; } 2>&1)" 2

@@ -26,8 +26,7 @@ constexpr std::chrono::seconds kLongestPause{10};           // up to this
 
 Lifetime lifetimeOf(std::string_view key)
 {
-    constexpr std::string_view kVolatile = "memory/";
-    return key.substr(0, kVolatile.size()) == kVolatile ? Lifetime::Volatile : Lifetime::Persistent;
+    return key.substr(0, 7) == "memory/" ? Lifetime::Volatile : Lifetime::Persistent;
 }
 
 // ---- subscriptions --------------------------------------------------------------------------------------------------
@@ -138,11 +137,9 @@ void Delivery::run()
 {
     pthread_setname_np(pthread_self(), "vconf");
     std::chrono::milliseconds pause = kPauseAfterError;
-    int signals = -1;
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        signals = signals_;
-    }
+    std::unique_lock<std::mutex> guard(lock_);
+    const int signals = signals_;
+    guard.unlock();
     alignas(inotify_event) char events[4096];
     for (;;) {
         try {
@@ -207,7 +204,6 @@ Delivery::Batch Delivery::collect(const Half& from)
         return batch;
     }
     if (record.sequence > from.seen + 1) {
-        batch.missed = record.sequence - from.seen - 1;
         for (const auto& [key, list] : subscriptions_) {
             if (&halves_[static_cast<size_t>(lifetimeOf(key))] == &from && transaction.value(key, record) &&
                 record.sequence > from.seen) {
@@ -217,6 +213,7 @@ Delivery::Batch Delivery::collect(const Half& from)
         std::sort(batch.writes.begin(), batch.writes.end(),
                   [](const Write& a, const Write& b) { return a.sequence < b.sequence; });
         batch.upTo = transaction.lastSequence();
+        batch.missed = batch.upTo - from.seen - batch.writes.size();
         return batch;
     }
     size_t bytes = 0;

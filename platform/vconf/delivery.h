@@ -50,7 +50,7 @@ private:
     struct Batch {
         std::vector<Write> writes;  // of subscribed keys
         uint64_t upTo = 0;          // the last write that was looked at
-        uint64_t missed = 0;        // how many writes the journal no longer had
+        uint64_t missed = 0;        // how many writes, of any key, are passed over
     };
     struct Half {
         Store* store = nullptr;  // set by the first subscription

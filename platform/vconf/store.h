@@ -109,6 +109,7 @@ public:
     bool writeAfter(uint64_t sequence, Record& record) const;
     /// @return the sequence number of the latest write, 0 when there is none.
     uint64_t lastSequence() const;
+    const std::string& folder() const { return store_.folder_; }
 
 private:
     const Store& store_;

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -118,13 +117,11 @@ Result guarded(const char* function, Result failed, Body body)
 
 bool find(const ReadTransaction& transaction, std::string_view key, int type, Record& record)
 {
-    if (!transaction.value(key, record)) {
-        return false;
-    }
-    if (record.type != type) {
+    const bool found = transaction.value(key, record);
+    if (found && record.type != type) {
         throw Error("key " + std::string(key) + " holds " + nameOf(record.type) + ", not " + nameOf(type));
     }
-    return true;
+    return found;
 }
 
 int getNumber(const char* function, const char* key, int type, int* value)
@@ -170,12 +167,10 @@ char* vconf_get_str(const char* key)
         if (!find(transaction, name, VCONF_TYPE_STRING, record)) {
             return nullptr;
         }
-        auto* copy = static_cast<char*>(std::malloc(record.data.size() + 1));
+        char* const copy = strndup(record.data.data(), record.data.size());
         if (copy == nullptr) {
             throw std::bad_alloc();
         }
-        std::memcpy(copy, record.data.data(), record.data.size());
-        copy[record.data.size()] = '\0';
         return copy;
     });
 }
@@ -218,4 +213,11 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
         }
         return 0;
     });
+}
+
+/// For tools on a desk, so not in vconf.h: a copy from malloc of the path of the key's half, or null if it is unusable.
+extern "C" char* vconf_desk_folder(const char* key)
+{
+    return guarded(__func__, static_cast<char*>(nullptr),
+                   [=] { return strdup(ReadTransaction(storeOf(lifetimeOf(checkedKey(key)))).folder().c_str()); });
 }

@@ -1,10 +1,11 @@
 #include "commands.h"
 
+#include <fcntl.h>
+#include <fnmatch.h>
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/prettywriter.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include <sys/file.h>
 
 #include <algorithm>
 #include <array>
@@ -12,235 +13,231 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <set>
+#include <tuple>
 #include <utility>
 
 #include "ZOLSystemData.h"
 #include "error.h"
 #include "output.h"
+#include "platform.h"
 #include "settings.h"
-#include "value.h"
 
 namespace zolctl {
 namespace {
 
-using Buffer = JsonBuffer;
+// Settings, some of them without a value.
+using Values = std::vector<std::pair<const Setting*, std::optional<Value>>>;
 
-// What the library lets its callers do. The counters can only be watched; the tool reads them by their keys.
-std::vector<std::string> accessOf(const Setting& setting)
+// No value is shown as -, so a text of that one character is spelled out.
+std::string shown(const std::optional<Value>& value)
 {
-    std::vector<std::string> access;
-    if (setting.readable()) {
-        access.emplace_back("read");
-    }
-    if (setting.writable()) {
-        access.emplace_back("write");
-    }
-    if (setting.watchable()) {
-        access.emplace_back("watch");
-    }
-    return access;
+    const std::string text = value ? toText(*value) : "";
+    return !value ? styled(Style::Dim, "-") : text == "-" ? "\\x2d" : escaped(text);
 }
 
-std::string joined(const std::vector<std::string>& words)
+// What `write` writes, as JSON; it returns whether it could write all.
+template <class Write>
+int printJson(Write write)
 {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : ",") + word;
-    }
-    return text;
-}
-
-// What reads does not tell whether there is no value or no store.
-void warnIfNothing(bool anyRead)
-{
-    if (!anyRead) {
-        printError("no setting has a value; add -v to see whether the store could be read");
-    }
-}
-
-int listAsJson()
-{
-    int result = 0;
-    bool anyRead = false;
-    Buffer buffer;
-    rapidjson::PrettyWriter<Buffer> writer(buffer);
+    JsonBuffer buffer;
+    rapidjson::PrettyWriter<JsonBuffer> writer(buffer);
     writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
-    writer.StartArray();
-    for (const Setting& setting : allSettings()) {
+    const bool all = write(writer);
+    print(toString(buffer) + "\n");
+    return all ? 0 : kExitFailed;
+}
+
+int printObject(const Values& values)
+{
+    return printJson([&](auto& writer) {
+        bool all = true;
         writer.StartObject();
-        writer.Key("name");
-        writer.String(setting.name);
-        writer.Key("type");
-        writer.String(setting.type());
-        writer.Key("access");
-        writer.StartArray();
-        for (const std::string& word : accessOf(setting)) {
-            writeJson(writer, word);
-        }
-        writer.EndArray();
-        writer.Key("key");
-        writer.String(setting.key);
-        const std::optional<Value> value = read(setting);
-        anyRead = anyRead || value;
-        if (!value) {
-            writer.Key("value");
-            writer.Null();
-        } else if (checkJson(setting, *value)) {
-            writer.Key("value");
-            writeJson(writer, *value);
-        } else {
-            result = kExitFailed;
+        for (const auto& [setting, value] : values) {
+            all = (!value || writeMember(writer, setting->name, *setting, value)) && all;
         }
         writer.EndObject();
-    }
-    writer.EndArray();
-    warnIfNothing(anyRead);
-    print(std::string(buffer.GetString(), buffer.GetSize()) + "\n");
-    return result;
+        return all;
+    });
 }
 
-// Pads before styling, so that the style does not count.
-std::string padded(std::string text, std::size_t width)
+int printArray(const Values& values)
 {
-    text.resize(std::max(width, text.size()), ' ');
-    return text;
-}
-
-// Some settings as one JSON object; what cannot be read is left out.
-int printObject(const std::vector<std::pair<const Setting*, Value>>& settings)
-{
-    int result = 0;
-    Buffer buffer;
-    rapidjson::PrettyWriter<Buffer> writer(buffer);
-    writer.StartObject();
-    for (const auto& [setting, value] : settings) {
-        if (checkJson(*setting, value)) {
-            writer.Key(setting->name);
-            writeJson(writer, value);
-        } else {
-            result = kExitFailed;
+    return printJson([&](auto& writer) {
+        bool all = true;
+        writer.StartArray();
+        for (const auto& [setting, value] : values) {
+            const std::array<std::array<const char*, 2>, 3> texts = {
+                {{"name", setting->name}, {"type", setting->type()}, {"key", setting->key}}};
+            writer.StartObject();
+            for (const auto& [name, text] : texts) {
+                writer.Key(name);
+                writer.String(text);
+            }
+            writer.Key("access");
+            writeArray(writer, setting->access());
+            all = writeMember(writer, "value", *setting, value) && all;
+            writer.EndObject();
         }
-    }
-    writer.EndObject();
-    print(std::string(buffer.GetString(), buffer.GetSize()) + "\n");
-    return result;
+        writer.EndArray();
+        return all;
+    });
 }
 
-}  // namespace
-
-int list(bool withKey, bool json)
+int printTable(const Values& values, bool withKey)
 {
-    if (json) {
-        return listAsJson();
+    std::vector<std::array<std::string, 5>> lines = {{"NAME", "TYPE", "ACCESS", "KEY", "VALUE"}};
+    for (const auto& [setting, value] : values) {
+        lines.push_back({setting->name, setting->type(), joined(setting->access(), ","), setting->key, shown(value)});
     }
-    using Row = std::array<std::string, 5>;  // name, type, access, key, value
-    std::vector<Row> rows = {{"NAME", "TYPE", "ACCESS", "KEY", "VALUE"}};
-    bool anyRead = false;
-    for (const Setting& setting : allSettings()) {
-        const std::optional<Value> value = read(setting);
-        anyRead = anyRead || value;
-        rows.push_back({setting.name, setting.type(), joined(accessOf(setting)), setting.key,
-                        value ? escaped(toText(*value)) : styled(Style::Dim, "-")});
-    }
-    warnIfNothing(anyRead);
-    std::array<std::size_t, 4> widths{};
-    for (const Row& row : rows) {
-        for (std::size_t column = 0; column < widths.size(); ++column) {
-            widths.at(column) = std::max(widths.at(column), row.at(column).size());
+    for (std::size_t column = 0; column < 4; ++column) {
+        std::size_t width = 0;
+        for (const auto& line : lines) {
+            width = std::max(width, line.at(column).size());
+        }
+        for (auto& line : lines) {
+            std::string& cell = line.at(column);
+            cell.resize(column == 3 && !withKey ? 0 : width + 2, ' ');
         }
     }
     std::string text;
-    for (const Row& row : rows) {
-        std::string line;
-        for (std::size_t column = 0; column < widths.size(); ++column) {
-            if (column != 3 || withKey) {
-                line += padded(row.at(column), widths.at(column) + 2);
-            }
-        }
-        line += row.back();
+    for (const auto& cells : lines) {
+        const std::string line = joined({cells.begin(), cells.end()}, "");
         text += (text.empty() ? styled(Style::Bold, line) : line) + "\n";
     }
     print(text);
     return 0;
 }
 
-int get(const std::string& name, bool json)
+// Several settings, a line each.
+int printLines(const Values& values)
 {
-    const Setting& setting = findSetting(name);
-    const std::optional<Value> value = read(setting);
-    if (!value) {
-        throw Failure(name + " cannot be read: its key " + setting.key +
-                      " is not there, holds another type, or the store cannot be used; write it with zolctl " +
-                      (setting.writable() ? "set " : "inject ") + name + " VALUE, or add -v to see the store's reason");
+    std::string text;
+    for (const auto& [setting, value] : values) {
+        text += value ? std::string(setting->name) + "=" + escaped(toText(*value)) + "\n" : "";
     }
-    if (json) {
-        return printObject({{&setting, *value}});
-    }
-    const std::string text = toText(*value);
-    print((outputIsTerminal() ? escaped(text) : text) + "\n");  // a script gets the bytes as they are
+    print(text);
     return 0;
 }
 
-int set(const std::string& name, const std::string& value)
+Values readLike(const std::string& pattern)
 {
-    const Setting& setting = findSetting(name);
-    if (!setting.writable()) {
-        const bool isAppList = name == "ZOLConcurrentAppList";
-        throw UsageError(name + " has no setter; use zolctl " +
-                         (isAppList ? "concurrent enable|disable APPID, or zolctl " : "") + "inject " + name +
-                         " VALUE");
-    }
-    const Value parsed = parseValue(setting, value);
-    if (value.empty()) {
-        throw UsageError("the library refuses empty values; zolctl inject " + name + " '' writes one");
-    }
-    write(setting, parsed);
-    return 0;
-}
-
-int injectValue(const std::string& name, const std::string& value)
-{
-    const Setting& setting = findSetting(name);
-    if (!inject(setting, parseValue(setting, value))) {
-        throw Failure(name + " was not written, because the store refused it; add -v to see its reason");
-    }
-    return 0;
-}
-
-int dump()
-{
-    std::vector<std::pair<const Setting*, Value>> readable;
+    const std::string part = "*" + pattern + "*";
+    Values values;
+    bool any = false;
     for (const Setting& setting : allSettings()) {
-        if (std::optional<Value> value = read(setting)) {
-            readable.emplace_back(&setting, *std::move(value));
+        if (fnmatch(part.c_str(), setting.name, FNM_CASEFOLD) == 0 ||
+            fnmatch(part.c_str(), setting.key, FNM_CASEFOLD) == 0) {
+            any = values.emplace_back(&setting, read(setting)).second || any;
         }
     }
-    warnIfNothing(!readable.empty());
-    return printObject(readable);
+    if (values.empty()) {
+        throw UsageError("no setting is called like " + pattern + "; zolctl list shows them all");
+    }
+    if (!any) {
+        printError("none of these settings has a value");
+    }
+    return values;
+}
+
+std::string readFile(const std::string& path)
+{
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(path == "-" ? stdin : std::fopen(path.c_str(), "re"),
+                                                               std::fclose);
+    std::string text;
+    std::array<char, 65536> block{};
+    while (file && std::ferror(file.get()) == 0 && std::feof(file.get()) == 0) {
+        text.append(block.data(), std::fread(block.data(), 1, block.size(), file.get()));
+    }
+    if (!file || std::ferror(file.get()) != 0) {
+        throw UsageError("cannot read " + (path == "-" ? "standard input" : path) + ": " + std::strerror(errno));
+    }
+    return text;
+}
+
+}  // namespace
+
+int list(const std::string& pattern, bool withKey, bool json)
+{
+    const Values values = readLike(pattern);
+    return json ? printArray(values) : printTable(values, withKey);
+}
+
+int dump() { return printObject(readLike("")); }
+
+int get(const std::vector<std::string>& names, bool json)
+{
+    std::vector<const Setting*> settings;
+    settings.reserve(names.size());
+    for (const std::string& name : names) {
+        settings.push_back(&findSetting(name));
+    }
+    int result = 0;
+    Values values;
+    for (const Setting* setting : settings) {
+        if (!values.emplace_back(setting, read(*setting)).second) {
+            printError(whyNoValue(*setting));
+            result = kExitFailed;
+        }
+    }
+    if (names.size() > 1 || (json && result == 0)) {
+        return std::max(result, json ? printObject(values) : printLines(values));
+    }
+    if (result == 0) {
+        const std::string text = toText(*values[0].second);
+        print((outputIsTerminal() ? escaped(text) : text) + "\n");  // a script gets the bytes as they are
+    }
+    return result;
+}
+
+int set(const std::string& name, const std::string& text, bool throughLibrary)
+{
+    const Setting& setting = findSetting(name);
+    if (throughLibrary && !setting.writable()) {
+        throw UsageError(name + " has no setter; use zolctl " +
+                         (setting.isAppList() ? "concurrent enable|disable APPID, or zolctl " : "") + "inject " + name +
+                         " VALUE");
+    }
+    std::string given = text == "-" ? readFile("-") : text;
+    if (text == "-" && !given.empty() && given.back() == '\n') {
+        given.pop_back();
+    }
+    const Value value = parseValue(setting, given);
+    if (throughLibrary && given.empty()) {
+        throw UsageError("the library refuses empty values; zolctl inject " + name + " '' writes one");
+    }
+    throughLibrary ? write(setting, value) : inject(setting, value);
+    return 0;
+}
+
+int describe(const std::string& name)
+{
+    const Setting& setting = findSetting(name);
+    const std::string stem = setting.name;
+    const bool isFlag = setting.type() == std::string("boolean");
+    const std::vector<std::tuple<bool, std::string, std::string>> operations = {
+        {setting.readable(), "ZOLSystemData", "Get" + stem},
+        {setting.writable() && isFlag, "ZOLSystemData", "Is" + stem},
+        {setting.writable(), "ZOLSystemData", "Set" + stem},
+        {setting.isAppList(), "ZOLSystemData", "EnableZOLConcurrentMode"},
+        {setting.isAppList(), "ZOLSystemData", "DisableZOLConcurrentMode"},
+        {setting.watchable(), "ZOLSystemDataNotify", "Register" + stem + "Callback"},
+        {setting.watchable(), "ZOLSystemDataNotify", "Unregister" + stem + "Callback"}};
+    std::string calls;
+    for (const auto& [exists, owner, operation] : operations) {
+        calls += exists ? joined({"\n    ", owner, "::", operation, "\n    ", owner, operation}, "") : "";
+    }
+    const bool isText = setting.type() == std::string("string") && !setting.isAppList();
+    const std::optional<Value> value = read(setting);
+    print(stem + ": " + setting.text + "\n  type    " + setting.type() +
+          (isText ? "; the platform decides which texts are allowed" : "") + "\n  access  " +
+          joined(setting.access(), ", ") + "\n  key     " + setting.key + "\n  value   " + shown(value) +
+          "\n  calls, each as a class member and as a flat function" + calls + "\n");
+    return 0;
 }
 
 // ---- load -----------------------------------------------------------------------------------------------------------
 
 namespace {
-
-std::string readFile(const std::string& path)
-{
-    struct Close {
-        void operator()(std::FILE* file) const { (void)std::fclose(file); }
-    };
-    std::unique_ptr<std::FILE, Close> opened(path == "-" ? nullptr : std::fopen(path.c_str(), "re"));
-    std::FILE* const file = path == "-" ? stdin : opened.get();
-    std::string text;
-    std::array<char, 65536> block{};
-    while (file != nullptr && std::ferror(file) == 0 && std::feof(file) == 0) {
-        text.append(block.data(), std::fread(block.data(), 1, block.size(), file));
-    }
-    if (file == nullptr || std::ferror(file) != 0) {
-        throw UsageError("cannot read " + path + ": " + std::strerror(errno));
-    }
-    return text;
-}
 
 Document parseFile(const std::string& source, const std::string& text)
 {
@@ -266,48 +263,38 @@ constexpr std::size_t kMaxTextSize = std::size_t{64} << 20;  // of the store on 
 
 Value valueFrom(const Setting& setting, const Document::ValueType& json)
 {
-    const std::string type = setting.type();
     const std::string name = setting.name;
-    if (type == "boolean") {
-        if (!json.IsBool()) {
-            throw UsageError(name + " must be true or false");
-        }
-        return json.GetBool();
-    }
-    if (type == "integer") {
-        if (!json.IsInt()) {
-            throw UsageError(name + " must be a whole number from -2147483648 to 2147483647");
-        }
-        return json.GetInt();
+    const std::string type = setting.type();
+    if (!(type == "boolean" ? json.IsBool() : type == "integer" ? json.IsInt() : json.IsString())) {
+        throw UsageError(name + (type == "boolean"   ? " must be true or false"
+                                 : type == "integer" ? " must be a whole number from -2147483648 to 2147483647"
+                                                     : " must be a string"));
     }
     if (!json.IsString()) {
-        throw UsageError(name + " must be a string");
-    }
-    if (std::strlen(json.GetString()) != json.GetStringLength()) {
-        throw UsageError(name + " holds a NUL character, which the store cannot hold; take it out");
+        return json.IsBool() ? Value(json.GetBool()) : Value(json.GetInt());
     }
     if (json.GetStringLength() > kMaxTextSize) {
         throw UsageError(name + " is longer than 64 MiB; shorten it");
     }
-    return std::string(json.GetString());
+    return parseValue(setting, {json.GetString(), json.GetStringLength()});
 }
 
 }  // namespace
 
-int load(const std::string& path)
+int load(const std::string& path, bool dry)
 {
     const std::string source = path == "-" ? "standard input" : path;
     const Document document = parseFile(source, readFile(path));
 
-    std::vector<std::pair<const Setting*, Value>> values;
-    std::set<std::string> names;
+    Values values;
     bool valid = true;
     for (const auto& [jsonName, jsonValue] : document.GetObject()) {
         try {
-            const std::string name(jsonName.GetString(), jsonName.GetStringLength());
-            const Setting& setting = findSetting(name);
-            if (!names.insert(name).second) {
-                throw UsageError(name + " stands there twice; remove one");
+            const Setting& setting = findSetting({jsonName.GetString(), jsonName.GetStringLength()});
+            for (const auto& [other, value] : values) {
+                if (other == &setting) {
+                    throw UsageError(std::string(setting.name) + " appears twice; remove one");
+                }
             }
             values.emplace_back(&setting, valueFrom(setting, jsonValue));
         } catch (const UsageError& error) {
@@ -318,12 +305,15 @@ int load(const std::string& path)
     if (!valid) {
         throw UsageError(source + ": nothing was written; correct the file and load it again");
     }
+    if (dry) {
+        return printLines(values);
+    }
     for (std::size_t done = 0; done < values.size(); ++done) {
-        const auto& [setting, value] = values[done];
-        if (!inject(*setting, value)) {
-            throw Failure(std::string(setting->name) + " was not written, because the store refused it (" +
-                          std::to_string(done) + " of " + std::to_string(values.size()) +
-                          " settings were written before); add -v to see its reason");
+        try {
+            inject(*values[done].first, *values[done].second);
+        } catch (...) {
+            printError(std::to_string(done) + " of " + std::to_string(values.size()) + " settings were written");
+            throw;
         }
     }
     return 0;
@@ -331,37 +321,44 @@ int load(const std::string& path)
 
 // ---- concurrent mode ------------------------------------------------------------------------------------------------
 
+std::optional<Apps> appsThatAreOn(const std::string& text)
+{
+    Document document;
+    document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
+    if (document.HasParseError() || !document.IsArray()) {
+        return std::nullopt;
+    }
+    const auto textOf = [](const Document::ValueType& entry, const char* name) -> std::string {
+        const auto member = entry.FindMember(name);
+        return member != entry.MemberEnd() && member->value.IsString() ? member->value.GetString() : "";
+    };
+    Apps apps;
+    for (const Document::ValueType& entry : document.GetArray()) {
+        if (entry.IsObject() && textOf(entry, "concurrent") == "on") {
+            apps.insert(textOf(entry, "appid"));
+        }
+    }
+    return apps;
+}
+
 int listConcurrent(bool json)
 {
     std::vector<std::string> apps;
     if (!ZOLSystemData::GetZOLConcurrentAppList(apps)) {
-        throw Failure(
-            "the app list cannot be read: it is not there or not a JSON array; zolctl concurrent enable APPID starts a "
-            "new one, and zolctl get ZOLConcurrentAppList shows what is stored");
+        const Setting& setting = findSetting("ZOLConcurrentAppList");
+        throw Failure((read(setting) ? "the app list is not a JSON array; zolctl get ZOLConcurrentAppList shows it"
+                                     : whyNoValue(setting)) +
+                      "; zolctl concurrent enable APPID starts a new one");
     }
-    int result = 0;
     if (json) {
-        Buffer buffer;
-        rapidjson::Writer<Buffer> writer(buffer);
-        writer.StartArray();
-        for (const std::string& app : apps) {
-            if (isUtf8(app)) {
-                writeJson(writer, app);
-            } else {
-                printError("the app id " + app + " is not UTF-8 and is left out of the JSON");
-                result = kExitFailed;
-            }
-        }
-        writer.EndArray();
-        print(std::string(buffer.GetString(), buffer.GetSize()) + "\n");
-        return result;
+        return printJson([&](auto& writer) { return writeArray(writer, apps); });
     }
     std::string text;
     for (const std::string& app : apps) {
         text += (outputIsTerminal() ? escaped(app) : app) + "\n";
     }
     print(text);
-    return result;
+    return 0;
 }
 
 int switchConcurrent(const std::vector<std::string>& apps, bool on)
@@ -371,16 +368,21 @@ int switchConcurrent(const std::vector<std::string>& apps, bool on)
             throw UsageError("'" + app + "' is no app id; give one that is not empty and is UTF-8");
         }
     }
+    // The library reads the list, changes it and writes it back, so one zolctl at a time. The program itself is a file
+    // that all of them can open, whoever runs them; the lock ends with the process.
+    const int program = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    if (program < 0 || flock(program, LOCK_EX) != 0) {
+        throw Failure(std::string("cannot take turns with other zolctl, by a lock on the program's own file: ") +
+                      std::strerror(errno));
+    }
+    const Setting& setting = findSetting("ZOLConcurrentAppList");
     for (const std::string& app : apps) {
         on ? ZOLSystemData::EnableZOLConcurrentMode(app) : ZOLSystemData::DisableZOLConcurrentMode(app);
-        // The library says yes whatever happens, so only the stored list can tell.
-        std::vector<std::string> stored;
-        const bool isList = ZOLSystemData::GetZOLConcurrentAppList(stored);
-        const bool isOn = std::find(stored.begin(), stored.end(), app) != stored.end();
-        if (!isList || isOn != on) {
-            throw Failure(app + " does not read back as " + (on ? "on" : "off") +
-                          ": the store refused the list, the list names the app twice, or somebody else wrote "
-                          "meanwhile; look at zolctl get ZOLConcurrentAppList and try again with -v");
+        checkTaken(setting, lastTextWrite().result == 0);
+        if ((appsThatAreOn(lastTextWrite().text).value_or(Apps()).count(app) != 0) != on) {
+            throw Failure(app + " is still " + (on ? "off" : "on") +
+                          ", since the list names it twice; zolctl get ZOLConcurrentAppList shows it, and zolctl "
+                          "inject replaces it");
         }
     }
     return 0;

@@ -2,21 +2,26 @@
 #define ZOLCTL_ERROR_H
 
 #include <stdexcept>
+#include <string>
 
 namespace zolctl {
 
-constexpr int kExitFailed = 1;  // something could not be read, written or watched
-constexpr int kExitUsage = 2;   // the command line or a file is wrong
+constexpr int kExitFailed = 1;   // something could not be read, written or watched
+constexpr int kExitUsage = 2;    // the command line or a file is wrong
+constexpr int kExitNoStore = 3;  // the store cannot be used
 
-/// Something could not be read, written or watched; the message says what to do.
-struct Failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
+/// What ends the tool; the message says what to do.
+struct Error : std::runtime_error {
+    Error(const std::string& message, int code) : runtime_error(message), exitCode(code) {}
+    int exitCode;
 };
-
-/// The command line or a file is wrong; the message says what to do.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+template <int code>
+struct ErrorOf : Error {
+    explicit ErrorOf(const std::string& message) : Error(message, code) {}
 };
+using Failure = ErrorOf<kExitFailed>;
+using UsageError = ErrorOf<kExitUsage>;
+using NoStore = ErrorOf<kExitNoStore>;
 
 }  // namespace zolctl
 

@@ -4,19 +4,22 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <functional>
 #include <new>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
 #include "error.h"
 #include "output.h"
 #include "selftest.h"
-#include "watch.h"
+#include "settings.h"
 
 using namespace zolctl;
 
@@ -33,15 +36,15 @@ void occupyStandardFiles()
     }
 }
 
-// The log takes this from the environment when its first line is written.
-void chooseLog(bool verbose)
+// The log takes this from the environment when its first line is written. This tool's is off unless it is asked for.
+// Returns where the log of other programs goes.
+std::string chooseLog(bool verbose)
 {
     const char* const chosen = std::getenv("ZOL_DLOG");
-    const std::string where = chosen == nullptr ? "" : chosen;
-    const bool isFile = !where.empty() && where != "off" && where != "stderr";
-    if (!isFile) {
-        setenv("ZOL_DLOG", verbose ? "stderr" : "off", 1);
-    }
+    const std::string given = chosen == nullptr ? "" : chosen;
+    const bool isOff = given.empty() || given == "off";
+    setenv("ZOL_DLOG", !isOff ? given.c_str() : verbose ? "stderr" : "off", 1);
+    return given.empty() || given == "stderr" ? "standard error" : given;
 }
 
 class CommandLine {
@@ -50,7 +53,7 @@ public:
 
     /// Parses the arguments and runs the command.
     /// @return the exit code.
-    int run(int argc, char** argv);
+    int run(std::vector<std::string> arguments);
 
 private:
     CLI::App* command(CLI::App& parent, const std::string& name, const std::string& description,
@@ -65,64 +68,74 @@ private:
     {
         of->add_flag("--json", json_, description);
     }
+    int answer(const CLI::ParseError& error) const;
     void nameAndValue(CLI::App* of);
     void addConcurrent();
     void addWatch();
-    void addSelftest();
 
     CLI::App app_{"Reads, writes and watches the TV's system data."};
     std::function<int()> chosen_;
     bool verbose_ = false;
     bool json_ = false;
     bool withKey_ = false;
+    bool dry_ = false;
     std::string name_;
-    std::string value_;
-    std::string path_;
+    std::string text_;
+    std::vector<std::string> names_;
     std::vector<std::string> apps_;
     WatchOptions watch_;
     double timeout_ = 2;
+    std::string logTarget_;
 };
 
-constexpr char kName[] = "Name of the setting, as zolctl list shows it";
+constexpr char kName[] = "Name or key of the setting, as zolctl list --long shows it";
 
 CommandLine::CommandLine()
 {
     app_.name("zolctl");
-    app_.set_version_flag("--version", "zolctl " ZOLCTL_VERSION);
+    app_.set_version_flag("-V,--version", "zolctl " ZOLCTL_VERSION);
     app_.add_flag("-v,--verbose", verbose_, "Show the library's log on standard error, unless ZOL_DLOG names a file");
     app_.require_subcommand(1);
     app_.fallthrough();
     app_.footer(
         "Exit codes: 0 done; 1 something could not be read, written or shown, watch timed out, or a check failed; 2 "
-        "wrong usage.\n"
+        "wrong usage; 3 the store cannot be used.\n"
         "Colour is used on a terminal only, and not if NO_COLOR is set.\n"
         "Example: zolctl set OSDLanguage en_US && zolctl get OSDLanguage");
 
-    CLI::App* const list = command(app_, "list", "Show all settings; - stands for one that cannot be read",
-                                   "Access tells what the library lets apps do.\n"
-                                   "JSON: null for a setting that cannot be read.\n"
-                                   "Example: zolctl list --long",
-                                   [this] { return zolctl::list(withKey_, json_); });
+    CLI::App* const list = command(app_, "list", "Show settings; - stands for one without a value",
+                                   "Access tells what the library lets apps do. Control characters are shown as \\x0a, "
+                                   "a backslash as two; in JSON null stands for no value.\n"
+                                   "Example: zolctl list --long 'db/*language'",
+                                   [this] { return zolctl::list(text_, withKey_, json_); });
+    list->add_option("PATTERN", text_, "Part of a name or key; * and ? stand for any text and any character");
     list->add_flag("--long", withKey_, "Show the keys, too");
     jsonFlag(list);
 
-    CLI::App* const get = command(app_, "get", "Print one setting",
+    CLI::App* const get = command(app_, "get", "Print settings",
+                                  "One setting is printed as its value, several as NAME=VALUE lines.\n"
                                   "Booleans are printed as on and off, in JSON as true and false.\n"
                                   "Example: zolctl get ZOLActivated",
-                                  [this] { return zolctl::get(name_, json_); });
-    get->add_option("NAME", name_, kName)->required();
+                                  [this] { return zolctl::get(names_, json_); });
+    get->add_option("NAME", names_, kName)->required();
     jsonFlag(get, "Print a JSON object, which zolctl load takes");
 
+    command(app_, "describe", "Tell what a setting is, and how programs use it",
+            "Prints what it is, its type, access and key, the library's operations in both forms, and its value.\n"
+            "Example: zolctl describe OSDLanguage",
+            [this] { return zolctl::describe(name_); })
+        ->add_option("NAME", name_, kName)
+        ->required();
     nameAndValue(command(app_, "set", "Write one setting through the library",
                          "A setting without a setter is refused; see zolctl inject.\n"
                          "Example: zolctl set ZOLActivated on",
-                         [this] { return zolctl::set(name_, value_); }));
+                         [this] { return zolctl::set(name_, text_, true); }));
     nameAndValue(command(app_, "inject", "Write one setting's key itself, as the platform does",
                          "Works for every setting, and sends the change to whoever watches it.\n"
                          "Example: zolctl inject FactoryResetCount 1",
-                         [this] { return injectValue(name_, value_); }));
+                         [this] { return zolctl::set(name_, text_, false); }));
 
-    CLI::App* const dump = command(app_, "dump", "Print all settings that can be read as one JSON object",
+    CLI::App* const dump = command(app_, "dump", "Print all settings that have a value as one JSON object",
                                    "Example: zolctl dump > saved.json", zolctl::dump);
     jsonFlag(dump, "Is always so");
 
@@ -130,66 +143,17 @@ CommandLine::CommandLine()
                                    "The whole file is checked first; with one fault in it nothing is written.\n"
                                    "Every setting in the file is written, and its watchers are told, changed or not.\n"
                                    "Example: zolctl get OSDLanguage --json | ssh tv zolctl load -",
-                                   [this] { return zolctl::load(path_); });
-    load->add_option("FILE", path_, "The file, or - for standard input")->required();
+                                   [this] { return zolctl::load(text_, dry_); });
+    load->add_option("FILE", text_, "The file, or - for standard input")->required();
+    load->add_flag("--dry-run", dry_, "Check the file and print what would be written, as NAME=VALUE lines");
 
     addConcurrent();
     addWatch();
-    addSelftest();
-}
-
-void CommandLine::nameAndValue(CLI::App* of)
-{
-    of->add_option("NAME", name_, kName)->required();
-    of->add_option("VALUE", value_,
-                   "Text; a whole number; or on, off, true, false, 1, 0 for a boolean.\n"
-                   "Put -- before a text that begins with a dash")
-        ->required();
-}
-
-void CommandLine::addConcurrent()
-{
-    CLI::App* const concurrent = app_.add_subcommand("concurrent", "The apps in concurrent mode");
-    concurrent->require_subcommand(1);
-    concurrent->footer("Example: zolctl concurrent enable app.alpha app.beta");
-    jsonFlag(command(*concurrent, "list", "Print the ids of the apps that are on, one a line",
-                     "Example: zolctl concurrent list", [this] { return listConcurrent(json_); }),
-             "Print a JSON array");
-    for (const bool on : {true, false}) {
-        const std::string name = on ? "enable" : "disable";
-        command(*concurrent, name, on ? "Put apps in concurrent mode" : "Take apps out of concurrent mode",
-                "Example: zolctl concurrent " + name + " app.alpha app.beta",
-                [this, on] { return switchConcurrent(apps_, on); })
-            ->add_option("APPID", apps_, "Ids of the apps; [a,b] is the same as a b")
-            ->required();
-    }
-}
-
-void CommandLine::addWatch()
-{
-    CLI::App* const watch = command(
-        app_, "watch", "Print each change as it comes",
-        "Prints the time of day, the name and the value. When it is ready it writes one line that begins with\n"
-        "\"watching\" to standard error. It ends with 0 after a signal to end, --count changes, --timeout without\n"
-        "--count, and when nobody reads its output any more; with 1 when the time is over before the count.\n"
-        "Example: zolctl watch ZOLActivated --count 1 --timeout 10",
-        [this] {
-            watch_.json = json_;
-            return zolctl::watch(watch_);
-        });
-    watch->add_option("NAME", watch_.names, "Names of the settings; all that can be watched if none is given");
-    watch->add_option("--count", watch_.count, "End after that many changes")
-        ->check(CLI::Range(1, 1000000000))
-        ->type_name("N");
-    watch->add_option("--timeout", watch_.timeout, "End after that many seconds")
-        ->check(CLI::Range(0.001, 1e9))
-        ->type_name("SECONDS");
-    watch->add_flag("--diff", watch_.diff, "Of the app list, print only which apps went on (+) and off (-)");
-    jsonFlag(watch, "Print one JSON object a line");
-}
-
-void CommandLine::addSelftest()
-{
+    command(app_, "status", "Show whether the store can be used, and by whom it is",
+            "For both parts of the store: the folder, whether it can be used and if not why, its size, and the\n"
+            "processes that use it; and where ZOL_DLOG sends the log. Exit code 3 if a part cannot be used.\n"
+            "Example: zolctl status",
+            [this] { return zolctl::status(logTarget_); });
     command(app_, "selftest", "Check that the platform does what the library relies on",
             "Prints a line for each check, which begins with ok or FAIL, and ends with 0 if all hold. No setting is\n"
             "touched: it writes keys under memory/zolctl/selftest/ and sets them back. Only one run at a time.\n"
@@ -200,26 +164,117 @@ void CommandLine::addSelftest()
         ->type_name("SECONDS");
 }
 
-int CommandLine::run(int argc, char** argv)
+void CommandLine::nameAndValue(CLI::App* of)
 {
-    try {
-        app_.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app_.exit(error);  // prints help or the version
-        }
-        const auto given = app_.get_subcommands();
-        const std::string name = given.empty() ? "" : given.front()->get_name() + " ";
-        const CLI::App& parent = given.empty() ? app_ : *given.front();
-        const auto rest = app_.remaining(true);
-        const bool isWord = !rest.empty() && !rest.front().empty() && rest.front()[0] != '-';
-        if (isWord && !parent.get_subcommands({}).empty() && parent.get_subcommands().empty()) {
-            throw UsageError("unknown command " + rest.front() + "; zolctl " + name + "--help lists the commands");
-        }
-        throw UsageError(std::string(error.what()) + "; zolctl " + name + "--help shows how it is used");
+    of->add_option("NAME", name_, kName)->required();
+    of->add_option("VALUE", text_,
+                   "Text; a whole number; or on, off, true, false, 1, 0 for a boolean.\n"
+                   "- stands for standard input, without the newline at its end.\n"
+                   "Put -- before a text that begins with a dash")
+        ->required();
+}
+
+void CommandLine::addConcurrent()
+{
+    const std::string turns =
+        "Several zolctl at once take turns; an app that writes the list in the same moment can still overwrite\n"
+        "their change.\n"
+        "Example: zolctl concurrent enable app.alpha app.beta";
+    CLI::App* const concurrent = app_.add_subcommand("concurrent", "The apps in concurrent mode");
+    concurrent->require_subcommand(1);
+    concurrent->footer(turns);
+    jsonFlag(command(*concurrent, "list", "Print the ids of the apps that are on, one a line",
+                     "Example: zolctl concurrent list", [this] { return listConcurrent(json_); }),
+             "Print a JSON array");
+    for (const bool on : {true, false}) {
+        command(*concurrent, on ? "enable" : "disable",
+                on ? "Put apps in concurrent mode" : "Take apps out of concurrent mode", turns,
+                [this, on] { return switchConcurrent(apps_, on); })
+            ->add_option("APPID", apps_, "Ids of the apps; [a,b] is the same as a b")
+            ->required();
     }
-    chooseLog(verbose_);
+}
+
+void CommandLine::addWatch()
+{
+    CLI::App* const watch = command(
+        app_, "watch", "Print each change as it comes",
+        "Prints the time, the name and the value. When it is ready it writes one line that begins with \"watching\"\n"
+        "to standard error. When it falls behind and changes are passed over, a line tells how many writes of any\n"
+        "setting. It ends with 0 after --count changes, the --until value, or --timeout alone; with 1 when the time\n"
+        "is over before that; and otherwise when a signal ends it, or nobody reads its output any more.\n"
+        "Example: zolctl watch ZOLActivated --until on --timeout 10",
+        [this] {
+            watch_.json = json_;
+            return zolctl::watch(watch_);
+        });
+    watch->add_option("NAME", watch_.names, "Names of the settings; all that can be watched if none is given");
+    CLI::Option* const count = watch->add_option("--count", watch_.count, "End after that many changes")
+                                   ->check(CLI::Range(1, 1000000000))
+                                   ->type_name("N");
+    watch->add_flag("--initial", watch_.initial, "Print the present values first");
+    watch->add_option("--until", watch_.until, "End when the one setting has that value, also if it has it already")
+        ->type_name("VALUE")
+        ->excludes(count);
+    watch->add_option("--timeout", watch_.timeout, "End after that many seconds")
+        ->check(CLI::Range(0.001, 1e9))
+        ->type_name("SECONDS");
+    watch->add_flag("--diff", watch_.diff, "Of the app list, print only which apps went on (+) and off (-)");
+    jsonFlag(watch, "Print one JSON object a line, with date and zone");
+}
+
+int CommandLine::run(std::vector<std::string> arguments)
+{
+    if (!arguments.empty() && arguments[0] == "__complete") {  // what the shells' completion asks
+        chooseLog(false);
+        return complete(app_, {arguments.begin() + 1, arguments.end()});
+    }
+    if (!arguments.empty() && arguments[0] == "help") {
+        std::rotate(arguments.begin(), arguments.begin() + 1, arguments.end());
+        arguments.back() = "--help";
+    }
+    try {
+        std::reverse(arguments.begin(), arguments.end());
+        app_.parse(std::move(arguments));
+    } catch (const CLI::ParseError& error) {
+        return answer(error);
+    }
+    logTarget_ = chooseLog(verbose_);
     return chosen_();
+}
+
+// Prints help or the version where that is asked for, and otherwise says what is wrong.
+int CommandLine::answer(const CLI::ParseError& error) const
+{
+    const CLI::App* at = &app_;
+    std::string path = "zolctl";
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().front();
+        path += " " + at->get_name();
+    }
+    const auto rest = app_.remaining(true);
+    const std::string word = rest.empty() ? "" : rest.front();
+    const bool isOption = word.rfind('-', 0) == 0;
+    std::vector<std::string> commands;
+    for (const CLI::App* each : at->get_subcommands({})) {
+        commands.push_back(each->get_name());
+    }
+    if (!word.empty() && !isOption && !commands.empty()) {
+        const std::string meant = nearest(word, commands);
+        throw UsageError("unknown command " + word + "; " + (meant.empty() ? "" : "did you mean " + meant + "? ") +
+                         path + " --help lists the commands");
+    }
+    if (error.get_exit_code() == 0) {
+        std::ostringstream text;
+        app_.exit(error, text, text);
+        print(text.str());
+        return 0;
+    }
+    const std::string what = !isOption ? error.what()
+                             : commands.empty()
+                                 ? "unknown option " + word + "; put -- before a text that begins with a dash"
+                                 : "unknown option " + word;
+    throw UsageError(what + "; " + path + " --help shows how it is used");
 }
 
 }  // namespace
@@ -228,13 +283,13 @@ int main(int argc, char** argv)
 {
     try {
         occupyStandardFiles();
-        return CommandLine().run(argc, argv);
-    } catch (const UsageError& error) {
-        printError(error.what());
-        return kExitUsage;
+        return CommandLine().run({argv + 1, argv + argc});
     } catch (const std::bad_alloc&) {
         (void)std::fputs("zolctl: out of memory\n", stderr);
         return kExitFailed;
+    } catch (const Error& error) {
+        printError(error.what());
+        return error.exitCode;
     } catch (const std::exception& error) {
         printError(error.what());
         return kExitFailed;

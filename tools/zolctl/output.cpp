@@ -1,9 +1,9 @@
 #include "output.h"
 
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
+#include <rapidjson/writer.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,13 +14,20 @@
 namespace zolctl {
 namespace {
 
-// Reads one character from the stream; false when it is not UTF-8, and then an unknown number of bytes has been read.
-bool decode(rapidjson::MemoryStream& stream, unsigned& codepoint)
-{
-    return rapidjson::UTF8<>::Decode(stream, &codepoint);
-}
+// Takes what a writer writes, and keeps nothing.
+struct Nowhere {
+    using Ch = char;
+    static void Put(char /*byte*/) {}
+    static void Flush() {}
+};
 
-bool isControl(unsigned codepoint) { return codepoint < 0x20 || (codepoint >= 0x7f && codepoint < 0xa0); }
+// A character that JSON can hold as it is: of control characters, those from U+0080 on could steer a terminal.
+bool isPlain(const std::string& character)
+{
+    const auto first = static_cast<unsigned char>(character[0]);
+    const bool isControl = first < 0x20 || first == 0x7f || (first == 0xc2 && character < "\xc2\xa0");
+    return !isControl && first != '\\' && isUtf8(character);
+}
 
 bool mayColour()
 {
@@ -34,35 +41,30 @@ bool mayColour()
 
 bool isUtf8(const std::string& text)
 {
-    rapidjson::MemoryStream stream(text.data(), text.size());
-    unsigned codepoint = 0;
-    while (stream.Tell() < text.size()) {
-        if (!decode(stream, codepoint)) {
-            return false;
-        }
-    }
-    return true;
+    Nowhere nowhere;
+    rapidjson::Writer<Nowhere, rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator,
+                      rapidjson::kWriteValidateEncodingFlag>
+        writer(nowhere);
+    return writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
 std::string escaped(const std::string& text)
 {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {
-        rapidjson::MemoryStream stream(text.data() + at, text.size() - at);
-        unsigned codepoint = 0;
-        const bool valid = decode(stream, codepoint);
-        const std::string bytes = text.substr(at, valid ? stream.Tell() : 1);
-        at += bytes.size();
-        if (valid && !isControl(codepoint)) {
-            result += bytes;
+        const auto first = static_cast<unsigned char>(text[at]);
+        const std::string character = text.substr(at, first < 0xc0 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4);
+        if (isPlain(character)) {
+            result += character;
+            at += character.size();
             continue;
         }
-        for (const char byte : bytes) {
-            char spelled[5];
-            (void)std::snprintf(spelled, sizeof spelled, "\\x%02x",
-                                static_cast<unsigned>(static_cast<unsigned char>(byte)));
-            result += spelled;
+        std::array<char, 5> spelled{'\\', '\\'};
+        if (first != '\\') {
+            (void)std::snprintf(spelled.data(), spelled.size(), "\\x%02x", static_cast<unsigned>(first));
         }
+        result += spelled.data();
+        ++at;
     }
     return result;
 }
@@ -85,22 +87,34 @@ std::string styled(Style style, const std::string& text)
 
 void print(const std::string& text)
 {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
-        throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t written = ::write(STDOUT_FILENO, &text[done], text.size() - done);
+        if (written < 0 && errno != EINTR) {
+            throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
+        }
+        done += written < 0 ? 0 : static_cast<std::size_t>(written);
     }
 }
 
 void printError(const std::string& message) { (void)std::fprintf(stderr, "zolctl: %s\n", escaped(message).c_str()); }
 
-bool checkJson(const Setting& setting, const Value& value)
+bool checkJson(const std::string& what, const Value& value)
 {
     const auto* text = std::get_if<std::string>(&value);
-    if (text == nullptr || isUtf8(*text)) {
-        return true;
+    const bool can = text == nullptr || isUtf8(*text);
+    if (!can) {
+        printError(what + " is not UTF-8 and is left out of the JSON; without --json it is shown");
     }
-    printError(std::string(setting.name) + " is not UTF-8 and is left out of the JSON; zolctl get " + setting.name +
-               " shows it");
-    return false;
+    return can;
+}
+
+std::string joined(const std::vector<std::string>& words, const char* separator)
+{
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : separator) + word;
+    }
+    return text;
 }
 
 }  // namespace zolctl

@@ -6,40 +6,37 @@
 #include <rapidjson/stringbuffer.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <new>
 #include <string>
 #include <variant>
+#include <vector>
 
-#include "value.h"
+#include "settings.h"
 
 namespace zolctl {
 
 /// For RapidJSON, which does not look whether it got the memory that it asked for.
-/// Its functions throw std::bad_alloc when there is none.
-struct ThrowingAllocator {
-    static const bool kNeedFree = true;
-    static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
-    static void* Realloc(void* old, std::size_t /*oldSize*/, std::size_t size)
+struct ThrowingAllocator : rapidjson::CrtAllocator {
+    static void* Malloc(std::size_t size) { return checked(CrtAllocator().Malloc(size), size); }
+    static void* Realloc(void* old, std::size_t oldSize, std::size_t size)
     {
-        void* const block = size == 0 ? nullptr : std::realloc(old, size);
-        if (size == 0) {
-            std::free(old);
-        } else if (block == nullptr) {
-            throw std::bad_alloc();
-        }
-        return block;
+        return checked(CrtAllocator().Realloc(old, oldSize, size), size);
     }
-    static void Free(void* block) { std::free(block); }
+    static void* checked(void* block, std::size_t size)
+    {
+        return block == nullptr && size != 0 ? throw std::bad_alloc() : block;
+    }
 };
 
 using Document =
     rapidjson::GenericDocument<rapidjson::UTF8<>, rapidjson::MemoryPoolAllocator<ThrowingAllocator>, ThrowingAllocator>;
 using JsonBuffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, ThrowingAllocator>;
+inline std::string toString(const JsonBuffer& buffer) { return {buffer.GetString(), buffer.GetSize()}; }
 
 bool isUtf8(const std::string& text);
 
-/// Spells out control characters and what is not UTF-8, byte by byte, as \x1b.
+/// Spells out control characters and what is not UTF-8, byte by byte, as \x1b, and a backslash as two, so that no two
+/// texts look the same.
 std::string escaped(const std::string& text);
 
 bool outputIsTerminal();
@@ -49,40 +46,57 @@ enum class Style { Bold, Dim, Name };
 /// The text in that style where the output is a terminal and colour is not switched off, otherwise the text alone.
 std::string styled(Style style, const std::string& text);
 
-/// Writes to standard output and flushes it.
+/// Writes to standard output.
 /// @throws Failure when it cannot be written.
 void print(const std::string& text);
 
 /// Writes a line to standard error, with the tool's name in front.
 void printError(const std::string& message);
 
-/// Whether the value can stand in JSON; if not, a line on standard error says so.
-bool checkJson(const Setting& setting, const Value& value);
-
-template <class Writer>
-void writeJson(Writer& writer, bool value)
-{
-    writer.Bool(value);
-}
-
-template <class Writer>
-void writeJson(Writer& writer, int value)
-{
-    writer.Int(value);
-}
-
-template <class Writer>
-void writeJson(Writer& writer, const std::string& value)
-{
-    writer.String(value.c_str(), static_cast<rapidjson::SizeType>(value.size()));
-}
-
-/// Writes a value that checkJson has passed.
 template <class Writer>
 void writeJson(Writer& writer, const Value& value)
 {
-    std::visit([&](const auto& each) { writeJson(writer, each); }, value);
+    if (const auto* text = std::get_if<std::string>(&value)) {
+        writer.String(text->data(), static_cast<rapidjson::SizeType>(text->size()));
+    } else if (const auto* number = std::get_if<int>(&value)) {
+        writer.Int(*number);
+    } else {
+        writer.Bool(std::get<bool>(value));
+    }
 }
+
+/// Whether that can stand in JSON; if not, a line on standard error says that it is left out.
+bool checkJson(const std::string& what, const Value& value);
+
+/// Writes texts as an array, but for those that cannot stand in JSON.
+/// @return whether all could.
+template <class Writer>
+bool writeArray(Writer& writer, const std::vector<std::string>& texts)
+{
+    bool all = true;
+    writer.StartArray();
+    for (const std::string& text : texts) {
+        checkJson(text, text) ? writeJson(writer, text) : void(all = false);
+    }
+    writer.EndArray();
+    return all;
+}
+
+/// Writes a setting's value as a member of an object, null for none, if it can stand in JSON.
+/// @return whether it could.
+template <class Writer>
+bool writeMember(Writer& writer, const char* name, const Setting& setting, const std::optional<Value>& value)
+{
+    const bool can = !value || checkJson(setting.name, *value);
+    if (can) {
+        writer.Key(name);
+        value ? writeJson(writer, *value) : void(writer.Null());
+    }
+    return can;
+}
+
+/// Words with something between.
+std::string joined(const std::vector<std::string>& words, const char* separator);
 
 }  // namespace zolctl
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstring>
+#include <utility>
 #include <vector>
 
 #include "ZOLSystemData.h"
@@ -18,78 +18,78 @@ namespace {
 namespace key = ZOLVconfKey;
 using Data = ZOLSystemData;
 using Notify = ZOLSystemDataNotify;
-using Bool = Operations<bool>;
-using Int = Operations<int>;
-using String = Operations<std::string>;
 
 // The library's own getter gives the apps that are on, not the text.
 bool getAppListText(std::string& value) { return getString(key::ZOLConcurrentAppList, value); }
+
+// A setting by what the library lets its callers do. All names are made of its own.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): only macros can join names
+#define READ(type, name, text)                                         \
+    {                                                                  \
+#name, key::name, text, Operations < type> { Data::Get##name } \
+    }
+#define READ_WRITE(type, name, text)                                                    \
+    {                                                                                   \
+#name, key::name, text, Operations < type> { Data::Get##name, Data::Set##name } \
+    }
+#define READ_WATCH(type, name, text)                                                                              \
+    {                                                                                                             \
+#name, key::name, text, Operations < type> { Data::Get##name, nullptr, Notify::Register##name##Callback } \
+    }
+#define READ_WRITE_WATCH(type, name, text)                                     \
+    {                                                                          \
+#name, key::name, text, Operations < type>                             \
+        {                                                                      \
+            Data::Get##name, Data::Set##name, Notify::Register##name##Callback \
+        }                                                                      \
+    }
+#define WATCH(type, name, text, get)                                                                  \
+    {                                                                                                 \
+#name, key::name, text, Operations < type> { get, nullptr, Notify::Register##name##Callback } \
+    }
+// NOLINTEND(cppcoreguidelines-macro-usage)
 
 }  // namespace
 
 const std::vector<Setting>& allSettings()
 {
-    static const std::vector<Setting> settings = {
-        {"AovModeSetter", key::AovModeSetter, String{Data::GetAovModeSetter, Data::SetAovModeSetter}},
-        {"OSDLanguage", key::OSDLanguage, String{Data::GetOSDLanguage, Data::SetOSDLanguage}},
-        {"AssistantFarField", key::AssistantFarField, String{Data::GetAssistantFarField, Data::SetAssistantFarField}},
-        {"ZOLSituationalHintSupported", key::ZOLSituationalHintSupported,
-         String{Data::GetZOLSituationalHintSupported, Data::SetZOLSituationalHintSupported,
-                Notify::RegisterZOLSituationalHintSupportedCallback,
-                Notify::UnregisterZOLSituationalHintSupportedCallback}},
-        {"ZOLLanguage", key::ZOLLanguage,
-         String{Data::GetZOLLanguage, Data::SetZOLLanguage, Notify::RegisterZOLLanguageCallback,
-                Notify::UnregisterZOLLanguageCallback}},
-        {"ZOLDefaultAssistantAppid", key::ZOLDefaultAssistantAppid,
-         String{Data::GetZOLDefaultAssistantAppid, Data::SetZOLDefaultAssistantAppid,
-                Notify::RegisterZOLDefaultAssistantAppidCallback, Notify::UnregisterZOLDefaultAssistantAppidCallback}},
+    using std::string;
+    static const auto& settings = *new std::vector<Setting>{
+        READ_WRITE(string, AovModeSetter, "the always-on-voice mode"),
+        READ_WRITE(string, OSDLanguage, "the on-screen language"),
+        READ_WRITE(string, AssistantFarField, "the assistant's far-field setting"),
+        READ_WRITE_WATCH(string, ZOLSituationalHintSupported, "whether situational hints are supported"),
+        READ_WRITE_WATCH(string, ZOLLanguage, "the assistant language"),
+        READ_WRITE_WATCH(string, ZOLDefaultAssistantAppid, "the app id of the default assistant"),
 
-        {"WebAppUninstall", key::WebAppUninstall,
-         String{Data::GetWebAppUninstall, nullptr, Notify::RegisterWebAppUninstallCallback,
-                Notify::UnregisterWebAppUninstallCallback}},
-        {"WebAppInstall", key::WebAppInstall,
-         String{Data::GetWebAppInstall, nullptr, Notify::RegisterWebAppInstallCallback,
-                Notify::UnregisterWebAppInstallCallback}},
-        {"MultiViewMode", key::MultiViewMode, String{Data::GetMultiViewMode}},
-        {"ModelId", key::ModelId, String{Data::GetModelId}},
-        {"TVName", key::TVName, String{Data::GetTVName}},
-        {"OSDCountry", key::OSDCountry,
-         String{Data::GetOSDCountry, nullptr, Notify::RegisterOSDCountryCallback,
-                Notify::UnregisterOSDCountryCallback}},
+        READ_WATCH(string, WebAppUninstall, "the web app that was uninstalled last"),
+        READ_WATCH(string, WebAppInstall, "the web app that was installed last"),
+        READ(string, MultiViewMode, "the multiview mode"),
+        READ(string, ModelId, "the TV's model id"),
+        READ(string, TVName, "the TV's device name"),
+        READ_WATCH(string, OSDCountry, "the on-screen country code"),
 
-        {"BackgroundVolume", key::BackgroundVolume,
-         Int{Data::GetBackgroundVolume, nullptr, Notify::RegisterBackgroundVolumeCallback,
-             Notify::UnregisterBackgroundVolumeCallback}},
+        READ_WATCH(int, BackgroundVolume, "the background volume of the voice guide"),
 
-        {"ZOLActivated", key::ZOLActivated,
-         Bool{Data::GetZOLActivated, Data::SetZOLActivated, Notify::RegisterZOLActivatedCallback,
-              Notify::UnregisterZOLActivatedCallback}},
-        {"ZOLMultipleMode", key::ZOLMultipleMode,
-         Bool{Data::GetZOLMultipleMode, Data::SetZOLMultipleMode, Notify::RegisterZOLMultipleModeCallback,
-              Notify::UnregisterZOLMultipleModeCallback}},
+        READ_WRITE_WATCH(bool, ZOLActivated, "whether the assistant is activated"),
+        READ_WRITE_WATCH(bool, ZOLMultipleMode, "whether several assistants may be used"),
 
-        {"PowerOffStatus", key::PowerOffStatus, Bool{Data::GetPowerOffStatus}},
-        {"MultiOutputAudio", key::MultiOutputAudio, Bool{Data::GetMultiOutputAudio}},
-        {"AccessibilityVoiceGuide", key::AccessibilityVoiceGuide, Bool{Data::GetAccessibilityVoiceGuide}},
-        {"AccessibilityAudioDescription", key::AccessibilityAudioDescription,
-         Bool{Data::GetAccessibilityAudioDescription}},
-        {"AccessibilityHighContrast", key::AccessibilityHighContrast, Bool{Data::GetAccessibilityHighContrast}},
-        {"AccessibilityGrayScale", key::AccessibilityGrayScale, Bool{Data::GetAccessibilityGrayScale}},
-        {"AccessibilityEnlarge", key::AccessibilityEnlarge, Bool{Data::GetAccessibilityEnlarge}},
-        {"AccessibilityColorInversion", key::AccessibilityColorInversion, Bool{Data::GetAccessibilityColorInversion}},
-        {"ArtAppStatus", key::ArtAppStatus, Bool{Data::GetArtAppStatus}},
-        {"AmbientMode", key::AmbientMode, Bool{Data::GetAmbientMode}},
+        READ(bool, PowerOffStatus, "the power-off state"),
+        READ(bool, MultiOutputAudio, "whether audio goes to several outputs"),
+        READ(bool, AccessibilityVoiceGuide, "whether the voice guide is on"),
+        READ(bool, AccessibilityAudioDescription, "whether audio description is on"),
+        READ(bool, AccessibilityHighContrast, "whether high contrast is on"),
+        READ(bool, AccessibilityGrayScale, "whether grayscale is on"),
+        READ(bool, AccessibilityEnlarge, "whether enlargement (focus zoom) is on"),
+        READ(bool, AccessibilityColorInversion, "whether colour inversion is on"),
+        READ(bool, ArtAppStatus, "the state of the art app"),
+        READ(bool, AmbientMode, "the state of ambient mode"),
 
-        {"ZOLConcurrentAppList", key::ZOLConcurrentAppList,
-         String{getAppListText, nullptr, Notify::RegisterZOLConcurrentAppListCallback,
-                Notify::UnregisterZOLConcurrentAppListCallback}},
+        WATCH(string, ZOLConcurrentAppList, "the apps in concurrent mode, as a JSON array", getAppListText),
 
-        {"DravixResetCount", key::DravixResetCount,
-         Int{nullptr, nullptr, Notify::RegisterDravixResetCountCallback, Notify::UnregisterDravixResetCountCallback}},
-        {"ServiceResetCount", key::ServiceResetCount,
-         Int{nullptr, nullptr, Notify::RegisterServiceResetCountCallback, Notify::UnregisterServiceResetCountCallback}},
-        {"FactoryResetCount", key::FactoryResetCount,
-         Int{nullptr, nullptr, Notify::RegisterFactoryResetCountCallback, Notify::UnregisterFactoryResetCountCallback}},
+        WATCH(int, DravixResetCount, "how many times Dravix was reset", nullptr),
+        WATCH(int, ServiceResetCount, "how many service resets there were", nullptr),
+        WATCH(int, FactoryResetCount, "how many factory resets there were", nullptr),
     };
     return settings;
 }
@@ -104,27 +104,33 @@ bool Setting::readable() const
 {
     return std::visit([](const auto& each) { return each.get != nullptr; }, operations);
 }
-
 bool Setting::writable() const
 {
     return std::visit([](const auto& each) { return each.set != nullptr; }, operations);
 }
-
 bool Setting::watchable() const
 {
     return std::visit([](const auto& each) { return each.watch != nullptr; }, operations);
 }
+bool Setting::isAppList() const { return key == std::string(key::ZOLConcurrentAppList); }
+
+std::vector<std::string> Setting::access() const
+{
+    std::vector<std::string> access;
+    for (const auto& [word, is] : {std::pair("read", readable()), {"write", writable()}, {"watch", watchable()}}) {
+        if (is) {
+            access.emplace_back(word);
+        }
+    }
+    return access;
+}
 
 namespace {
-
-bool sameLetter(char a, char b)
-{
-    return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-}
 
 // How many letters must be added, removed or replaced to make `a` of `b`; upper and lower case are the same.
 std::size_t editDistance(const std::string& a, const std::string& b)
 {
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
     std::vector<std::size_t> row(b.size() + 1);
     for (std::size_t j = 0; j <= b.size(); ++j) {
         row[j] = j;
@@ -133,7 +139,7 @@ std::size_t editDistance(const std::string& a, const std::string& b)
         std::size_t diagonal = row[0];
         row[0] = i;
         for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t replaced = diagonal + (sameLetter(a[i - 1], b[j - 1]) ? 0 : 1);
+            const std::size_t replaced = diagonal + (lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1);
             diagonal = row[j];
             row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
         }
@@ -143,35 +149,32 @@ std::size_t editDistance(const std::string& a, const std::string& b)
 
 }  // namespace
 
-const Setting& findSetting(const std::string& name)
+std::string nearest(const std::string& word, const std::vector<std::string>& words)
 {
-    const Setting* nearest = nullptr;
-    std::size_t least = name.size() / 3 + 2;  // further away than that, it was no slip of the finger
-    for (const Setting& setting : allSettings()) {
-        if (name == setting.name) {
-            return setting;
-        }
-        const bool tooLong = name.size() >= least + std::strlen(setting.name);  // takes at least as many changes
-        const std::size_t distance = tooLong ? least : editDistance(name, setting.name);
+    std::string found;
+    std::size_t least = word.size() / 3 + 2;  // further away than that, it was no slip of the finger
+    for (const std::string& each : words) {
+        const std::size_t distance = word.size() > 100 ? least : editDistance(word, each);
         if (distance < least) {
             least = distance;
-            nearest = &setting;
+            found = each;
         }
     }
-    throw UsageError("unknown setting " + name.substr(0, 100) + "; " +
-                     (nearest == nullptr ? std::string("zolctl list shows them all.")
-                                         : std::string("did you mean ") + nearest->name + "?"));
+    return found;
 }
 
-std::string watchableNames()
+const Setting& findSetting(const std::string& name)
 {
-    std::string names;
+    std::vector<std::string> names;
     for (const Setting& setting : allSettings()) {
-        if (setting.watchable()) {
-            names += (names.empty() ? "" : ", ") + std::string(setting.name);
+        if (name == setting.name || name == setting.key) {
+            return setting;
         }
+        names.emplace_back(setting.name);
     }
-    return names;
+    const std::string meant = nearest(name, names);
+    throw UsageError("unknown setting " + name.substr(0, 100) + "; " +
+                     (meant.empty() ? "zolctl list shows them all." : "did you mean " + meant + "?"));
 }
 
 }  // namespace zolctl

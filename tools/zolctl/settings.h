@@ -1,7 +1,8 @@
-// The catalogue: every setting of the TV, its key, and the library's operations on it, once.
+// The catalogue: every setting of the TV, what it is, its key and the library's operations on it, once; and its values.
 #ifndef ZOLCTL_SETTINGS_H
 #define ZOLCTL_SETTINGS_H
 
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -18,30 +19,59 @@ struct Operations {
     std::conditional_t<std::is_same_v<T, bool>, bool (*)(), bool (*)(T&)> get = nullptr;
     bool (*set)(T) = nullptr;
     int (*watch)(Callback, void*) = nullptr;
-    int (*unwatch)(Callback) = nullptr;
 };
 
 using AnyOperations = std::variant<Operations<bool>, Operations<int>, Operations<std::string>>;
+using Value = std::variant<bool, int, std::string>;  // in the same order
 
 struct Setting {
     const char* name;  // the stem of its operations' names
     const char* key;
+    const char* text;  // what it is
     AnyOperations operations;
 
     const char* type() const;  // "boolean", "integer" or "string"
     bool readable() const;
     bool writable() const;
     bool watchable() const;
+    bool isAppList() const;
+    /// What the library lets its callers do: "read", "write", "watch".
+    std::vector<std::string> access() const;
 };
 
-/// All of them, in the order in which `zolctl list` shows them.
+/// All of them, in the order in which `zolctl list` shows them. They last as long as the process.
 const std::vector<Setting>& allSettings();
 
-/// @throws UsageError for an unknown name, with the nearest one.
+/// Finds a setting by its name or its key.
+/// @throws UsageError for an unknown one, with the nearest name.
 const Setting& findSetting(const std::string& name);
 
-/// The names of what can be watched, with commas between.
-std::string watchableNames();
+/// The one of the words that was probably meant, or an empty one.
+std::string nearest(const std::string& word, const std::vector<std::string>& words);
+
+/// Makes a value of the setting's type.
+/// @throws UsageError when the text is no such value.
+Value parseValue(const Setting& setting, const std::string& text);
+
+/// What a person reads: on or off, the number, or the text as it is.
+std::string toText(const Value& value);
+
+/// Reads through the library's getter, or by key where it has none; nothing when there is no value of its type.
+/// @throws NoStore when the store cannot be used.
+std::optional<Value> read(const Setting& setting);
+
+/// Why there was nothing to read, and what to do.
+std::string whyNoValue(const Setting& setting);
+
+/// Writes through the library's setter, which the setting must have.
+/// @throws Failure when the platform refused this write, NoStore when the store cannot be used.
+void write(const Setting& setting, const Value& value);
+
+/// Writes the key itself, as the platform would. Throws the same.
+void inject(const Setting& setting, const Value& value);
+
+/// Throws the same if the platform has just not taken a value of the setting.
+void checkTaken(const Setting& setting, bool taken);
 
 }  // namespace zolctl
 

@@ -1,28 +1,42 @@
-#include "value.h"
+#include "settings.h"
 
 #include <vconf.h>
 
 #include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <utility>
 
 #include "ZOLTypedKeys.h"
 #include "error.h"
+#include "platform.h"
 
 namespace zolctl {
 namespace {
 
-Value parse(const Setting& setting, const Operations<bool>& /*operations*/, const std::string& text)
-{
-    if (text == "on" || text == "true" || text == "1") {
-        return true;
-    }
-    if (text == "off" || text == "false" || text == "0") {
-        return false;
-    }
-    throw UsageError(std::string(setting.name) + " takes on, off, true, false, 1 or 0, not '" + text + "'");
-}
+int injectBy(const char* key, bool value) { return vconf_set_bool(key, value ? 1 : 0); }
+int injectBy(const char* key, int value) { return vconf_set_int(key, value); }
+int injectBy(const char* key, const std::string& value) { return vconf_set_str(key, value.c_str()); }
 
-Value parse(const Setting& setting, const Operations<int>& /*operations*/, const std::string& text)
+}  // namespace
+
+Value parseValue(const Setting& setting, const std::string& text)
 {
+    const std::string type = setting.type();
+    if (type == "string") {
+        if (text.find('\0') != std::string::npos) {
+            throw UsageError(std::string(setting.name) +
+                             " holds a NUL character, which the store cannot hold; take it out");
+        }
+        return text;
+    }
+    if (type == "boolean") {
+        const bool on = text == "on" || text == "true" || text == "1";
+        if (on || text == "off" || text == "false" || text == "0") {
+            return on;
+        }
+        throw UsageError(std::string(setting.name) + " takes on, off, true, false, 1 or 0, not '" + text + "'");
+    }
     int number = 0;
     const char* const end = text.data() + text.size();
     const auto [parsed, error] = std::from_chars(text.data(), end, number);
@@ -33,77 +47,81 @@ Value parse(const Setting& setting, const Operations<int>& /*operations*/, const
     return number;
 }
 
-Value parse(const Setting& /*setting*/, const Operations<std::string>& /*operations*/, const std::string& text)
-{
-    return text;
-}
-
-std::optional<Value> readBy(const Setting& setting, const Operations<bool>& operations)
-{
-    if (operations.get()) {
-        return true;
-    }
-    int stored = 0;  // the getter says false for a stored false and for a key that cannot be read
-    return vconf_get_bool(setting.key, &stored) == 0 ? std::optional<Value>(stored == 1) : std::nullopt;
-}
-
-std::optional<Value> readBy(const Setting& setting, const Operations<int>& operations)
-{
-    int value = 0;
-    const bool done = operations.get != nullptr ? operations.get(value) : getInt(setting.key, value);
-    return done ? std::optional<Value>(value) : std::nullopt;
-}
-
-std::optional<Value> readBy(const Setting& /*setting*/, const Operations<std::string>& operations)
-{
-    std::string value;
-    return operations.get(value) ? std::optional<Value>(value) : std::nullopt;
-}
-
-int injectBy(const char* key, bool value) { return vconf_set_bool(key, value ? 1 : 0); }
-int injectBy(const char* key, int value) { return vconf_set_int(key, value); }
-int injectBy(const char* key, const std::string& value) { return vconf_set_str(key, value.c_str()); }
-
-std::string textOf(bool value) { return value ? "on" : "off"; }
-std::string textOf(int value) { return std::to_string(value); }
-std::string textOf(const std::string& value) { return value; }
-
-}  // namespace
-
-Value parseValue(const Setting& setting, const std::string& text)
-{
-    return std::visit([&](const auto& operations) { return parse(setting, operations, text); }, setting.operations);
-}
-
 std::string toText(const Value& value)
 {
-    return std::visit([](const auto& each) { return textOf(each); }, value);
+    const auto* const on = std::get_if<bool>(&value);
+    const auto* const number = std::get_if<int>(&value);
+    return on != nullptr       ? (*on ? "on" : "off")
+           : number != nullptr ? std::to_string(*number)
+                               : std::get<std::string>(value);
 }
 
 std::optional<Value> read(const Setting& setting)
 {
-    return std::visit([&](const auto& operations) { return readBy(setting, operations); }, setting.operations);
+    std::optional<Value> found;
+    int number = 0;
+    bool done = true;
+    if (const auto* texts = std::get_if<Operations<std::string>>(&setting.operations)) {
+        std::string text;
+        done = texts->get(text);
+        found = std::move(text);
+    } else if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {
+        done = numbers->get != nullptr ? numbers->get(number) : getInt(setting.key, number);
+        found = number;
+    } else if (!std::get<Operations<bool>>(setting.operations).get()) {
+        done = vconf_get_bool(setting.key, &number) == 0;  // the getter says false also for what cannot be read
+        found = number == 1;
+    } else {
+        found = true;
+    }
+    if (!done) {
+        checkStore(setting.key);
+        found.reset();
+    }
+    return found;
+}
+
+std::string whyNoValue(const Setting& setting)
+{
+    int number = 0;
+    const char* other = nullptr;
+    if (std::unique_ptr<char, decltype(&std::free)>(vconf_get_str(setting.key), std::free)) {
+        other = "a string";
+    } else if (vconf_get_int(setting.key, &number) == 0) {
+        other = "an integer";
+    } else if (vconf_get_bool(setting.key, &number) == 0) {
+        other = "a boolean";
+    }
+    const std::string what = other == nullptr ? "has no value" : std::string("holds ") + other + ", not its own type";
+    return std::string(setting.name) + " " + what + "; write one with zolctl " +
+           (setting.writable() ? "set " : "inject ") + setting.name + " VALUE";
+}
+
+void checkTaken(const Setting& setting, bool taken)
+{
+    if (!taken) {
+        const std::string reason = platformReason();
+        checkStore(setting.key);
+        throw Failure(std::string(setting.name) + " was not written, because the platform refused it: " + reason);
+    }
 }
 
 void write(const Setting& setting, const Value& value)
 {
-    std::visit(
+    const bool taken = std::visit(
         [&](const auto& operations) {
             using Type = typename std::decay_t<decltype(operations)>::Type;
-            operations.set(std::get<Type>(value));
+            const bool done = operations.set(std::get<Type>(value));
+            // A string setter says yes even if the platform refused the write.
+            return done && (!std::is_same_v<Type, std::string> || lastTextWrite().result == 0);
         },
         setting.operations);
-    // A string setter says yes even if the store refused the write, so only the stored value can tell.
-    if (read(setting) != value) {
-        throw Failure(std::string(setting.name) +
-                      " does not read back as written: the store refused it, or somebody else wrote meanwhile; "
-                      "try again with -v, which shows the store's reason");
-    }
+    checkTaken(setting, taken);
 }
 
-bool inject(const Setting& setting, const Value& value)
+void inject(const Setting& setting, const Value& value)
 {
-    return std::visit([&](const auto& each) { return injectBy(setting.key, each) == 0; }, value);
+    checkTaken(setting, std::visit([&](const auto& each) { return injectBy(setting.key, each) == 0; }, value));
 }
 
 }  // namespace zolctl
