@@ -1,7 +1,7 @@
 #!/bin/bash
 # The Debian packages as a customer gets them: package_test.sh PACKAGES_DIR SOURCE_DIR
 # dpkg installs them into a root of their own, where it takes the packages of this machine for installed and so checks
-# what they depend on. There the examples are built as README.md shows them, by pkg-config and by CMake, and are run.
+# what they depend on. There the examples are built as the documentation shows them, by pkg-config and by CMake, and are run.
 set -euo pipefail
 packages=$(realpath "$1")
 source_dir=$(realpath "$2")
@@ -28,26 +28,29 @@ mkdir "$ZOL_VCONF_DIR"
 version=$(pkg-config --modversion capi-zol-tv)
 grep -qF "## [$version]" "$source_dir/CHANGELOG.md" || fail "CHANGELOG.md has no section for $version"
 
-# The programs in README.md, in their order, are the examples.
+# What the documentation shows under the name of an example is that example.
 mkdir examples
-number=0
-for name in watch_language concurrent_apps; do
-    awk -v want=$((++number)) '/^```/ { inside = /^```cpp/; count += inside; next } inside && count == want' \
-        "$source_dir/README.md" >examples/$name.cpp
-    diff examples/$name.cpp "$source_dir/examples/$name.cpp" || fail "README.md shows another $name.cpp"
-done
-cp "$source_dir/examples/CMakeLists.txt" examples/
+awk '/^`examples\/.*`:$/ { gsub(/[`:]/, ""); file = $0 }
+     /^```/ { if (inside) file = ""; inside = !inside; next } inside && file { print > file }' \
+    "$source_dir"/{README,docs/testing-your-app}.md
+diff -r examples "$source_dir/examples" >log || same "examples" "$(grep -v '^Only in .*: \(CMakeLists.txt\|living-room.json\|settings_panel.cpp\)$' log)" ""
+cp "$source_dir"/examples/{CMakeLists.txt,settings_panel.cpp} examples/
 
 run_examples() {
     zolctl set ZOLLanguage en-GB
     same "$1: watch_language" "$("$1"/watch_language)" "en-GB, then de-DE"
     zolctl concurrent enable org.example.alpha org.example.beta
     same "$1: concurrent_apps" "$("$1"/concurrent_apps)" $'org.example.alpha\norg.example.beta'
+    same "$1: a test over a store" "$("$1"/settings_panel_test)" passed
+    same "$1: a test over a mock" "$("$1"/settings_panel_mock_test)" passed
+    same "$1: a test with zolctl" "$(bash examples/settings_panel_test.sh "$1"/settings_panel)" passed
 }
 mkdir by_pkg_config
-for name in watch_language concurrent_apps; do
-    # shellcheck disable=SC2046 # the flags are a list of words
-    "${CXX:-c++}" -std=c++17 examples/$name.cpp $(pkg-config --cflags --libs capi-zol-tv) -o by_pkg_config/$name
+for file in examples/*.cpp; do
+    modules=capi-zol-tv
+    [[ $file != *mock* ]] || modules+=" vconf dlog"
+    # shellcheck disable=SC2046,SC2086 # the flags and modules are lists of words
+    "${CXX:-c++}" -std=c++17 "$file" $(pkg-config --cflags $modules) $(pkg-config --libs capi-zol-tv) -o "by_pkg_config/$(basename "$file" .cpp)"
 done
 run_examples by_pkg_config
 { cmake -S examples -B by_cmake -DCMAKE_PREFIX_PATH="$root/usr" && cmake --build by_cmake; } >log 2>&1 || fail "$(<log)"
