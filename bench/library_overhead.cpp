@@ -16,6 +16,7 @@
 #include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
+#include "ZOLWatch.h"
 #include "applist.h"
 #include "null_platform.h"
 #include "repeat.h"
@@ -173,6 +174,18 @@ auto registeredDelivery(const Topic& topic, std::int64_t callbacks)
     };
 }
 
+// The same for watches, which share one callback.
+auto watchDelivery(const Topic& topic, std::int64_t watches)
+{
+    std::vector<ZOLWatch> list;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(watches); ++i) {
+        list.push_back(ZOLWatch::ZOLLanguage([i](const std::string& value) { total += value.size() + i; }));
+    }
+    return [node = changeOf(topic.key), watcher = platformSubscriber, list = std::move(list)]() mutable {
+        VconfCallbackGenerator::VconfCallbackMethod(&node, watcher);
+    };
+}
+
 template <class Make>
 void addDelivery(const std::string& name, Make make)
 {
@@ -190,6 +203,8 @@ void addDeliveries()
     addDelivery("deliver/peer", bareDelivery);
     addDelivery("deliver/ours", delivery);
     addDelivery("deliver by topic/ours", registeredDelivery);
+    addDelivery("deliver to watches/peer", registeredDelivery);
+    addDelivery("deliver to watches/ours", watchDelivery);
     addOnThreads("deliveries/peer", kTopics, [](const Topic& topic) { return bareDelivery(topic, 1); });
     addOnThreads("deliveries/ours", kTopics, [](const Topic& topic) { return registeredDelivery(topic, 1); });
 }

@@ -16,6 +16,7 @@ def goals: [
   (row("get, as a process") | .value = "real_time" | .goal = 1),
   (row("deliver") | .goal = 1.6),
   (row("deliver by topic") | .peer = "deliver"),
+  (row("deliver to watches") | .goal = 1 | .slack = 40),
   (row("deliver", "deliver by topic") | .peer = "deliver" | .value = "instructions"),
   (row("read a string", "read an integer", "read a boolean", "write a string", "write a boolean")
     | (.goal = 1.1 | .slack = 3), .value = "instructions"),

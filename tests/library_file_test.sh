@@ -37,6 +37,9 @@ while read -r file; do
 END
 done < <(find "$scratch" -type f)
 
+same "symbols that keep a plugin with watches from being unloaded" "" \
+    "$(nm -D --defined-only "$1/lib/libwatch_plugin.so" | awk '$2 == "u"')"
+
 # Of the libraries only the log calls a function that every compiler checks; the others call none that could be.
 log=$(find "$scratch" -name 'libdlog.so.*.*')
 [ -z "$log" ] || same "$log: calls of the checked vsnprintf" 1 "$(nm -D "$log" | grep -c 'U __vsnprintf_chk@' || true)"

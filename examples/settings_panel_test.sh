@@ -1,0 +1,25 @@
+#!/bin/bash
+# Tests the settings panel from outside, with zolctl in the TV's part: settings_panel_test.sh PANEL
+set -euo pipefail
+ZOL_VCONF_DIR=$(mktemp -d)
+export ZOL_VCONF_DIR ZOL_DLOG=off
+trap 'kill "$panel"; rm -r "$ZOL_VCONF_DIR"' EXIT
+
+zolctl load - <<<'{"OSDCountry": "DE", "BackgroundVolume": 5}'
+"$1" >"$ZOL_VCONF_DIR/shown" &
+panel=$!
+
+# Waits until the panel's latest line is the text.
+comes_to_show() {
+    for ((tries = 0; tries < 100; ++tries)); do
+        if [ "$(tail -n 1 "$ZOL_VCONF_DIR/shown")" = "$1" ]; then return; fi
+        sleep 0.05
+    done
+    echo "expected: $1; shown: $(tail -n 1 "$ZOL_VCONF_DIR/shown")"
+    return 1
+}
+comes_to_show "off, -, -, DE, volume 5"
+zolctl set ZOLActivated on
+zolctl inject BackgroundVolume 7 # what apps may not write
+comes_to_show "on, -, -, DE, volume 7"
+echo passed
