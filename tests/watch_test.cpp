@@ -43,7 +43,7 @@ auto noting(const std::string& name)
     };
 }
 Watch language(const std::string& name) { return Watch::ZOLLanguage(noting(name)); }
-int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, mock::text(value)); }
+int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, value); }
 void giveWay() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
 
 class WatchTest : public testing::Test {
@@ -75,9 +75,9 @@ void tryTopic(const char* path, const mock::Value& value, const std::string& tex
 // The other topics' functions come from the same macro, which does not compile with a wrong type.
 TEST_F(WatchTest, ATopicTellsItsWatchesInTheOrderOfMaking)
 {
-    tryTopic(key::ZOLLanguage, mock::text("de"), "de", [](auto call) { return Watch::ZOLLanguage(call); });
-    tryTopic(key::BackgroundVolume, mock::integer(-4), "-4", [](auto call) { return Watch::BackgroundVolume(call); });
-    tryTopic(key::ZOLActivated, mock::boolean(2), "false", [](auto call) { return Watch::ZOLActivated(call); });
+    tryTopic(key::ZOLLanguage, "de", "de", [](auto call) { return Watch::ZOLLanguage(call); });
+    tryTopic(key::BackgroundVolume, -4, "-4", [](auto call) { return Watch::BackgroundVolume(call); });
+    tryTopic(key::ZOLActivated, 2, "false", [](auto call) { return Watch::ZOLActivated(call); });
     EXPECT_FALSE(Watch::ZOLLanguage(std::function<void(std::string)>()));
 }
 
@@ -98,7 +98,7 @@ TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
     });
     fire("1");
     received({"before 1", "held 1", "own", "last 1"});
-    EXPECT_EQ(0, mock::fire(key::OSDCountry, mock::text("x")));
+    EXPECT_EQ(0, mock::fire(key::OSDCountry, "x"));
     fire("2");
     received({"last 2"});
 }
@@ -202,12 +202,12 @@ TEST_F(WatchTest, APluginThatEndedItsWatchesIsUnloaded)
     ASSERT_NE(nullptr, plugin) << dlerror();
     const auto follow = reinterpret_cast<void (*)(void (*)(const char*))>(dlsym(plugin, "follow"));
     follow([](const char* value) { note(value); });
-    EXPECT_EQ(1, mock::fire(key::WebAppInstall, mock::text("1")));
+    EXPECT_EQ(1, mock::fire(key::WebAppInstall, "1"));
     received({"1"});
     follow(nullptr);
     dlclose(plugin);
     EXPECT_EQ(nullptr, dlopen(WATCH_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
-    EXPECT_EQ(0, mock::fire(key::WebAppInstall, mock::text("2")));
+    EXPECT_EQ(0, mock::fire(key::WebAppInstall, "2"));
 }
 
 }  // namespace
