@@ -4,10 +4,10 @@
 # that cannot be fetched does not keep others from being installed.
 set -euo pipefail
 cd "$1"
-for script in .ci/run $(grep -lE '^#!.*bash' scripts/*); do
-    [[ $(timeout 20 "$script" --help) == [A-Zsu]* ]] || { echo "FAILED: $script --help" && exit 1; }
+for script in .ci/run $(grep -rlE '^#!.*bash' scripts); do
+    [ "$(timeout 20 "$script" --help | head -n 1)" = "$(sed -n '2s/^# //p' "$script")" ] || { echo "FAILED: $script --help" && exit 1; }
 done
-. scripts/setup
+. scripts/common.sh
 id() { echo 0; } # root
 dpkg() { echo amd64; }
 dpkg-query() { sed -n "s/^${*: -1}=//p" <<<$'one=installed all\ntwo=installed amd64\ntwo=installed i386\nother=installed i386'; }

@@ -1,4 +1,4 @@
-// The desk's store and log, through the functions that a platform supplies.
+// The desk platform's store and log, through the functions that a platform supplies.
 
 #include <dlfcn.h>
 #include <dlog.h>
@@ -150,6 +150,13 @@ TEST_F(StoreTest, ChoosesFoldersByTheEnvironmentAndKeepsThemPrivate)
             "XDG_STATE_HOME/zol-tv/persistent/signal zol-tv/$boot/signal ZOL_VCONF_DIR/persistent/signal "
             "ZOL_VCONF_DIR/$boot/signal && [ $(find . -name signal | wc -l) = 5 ]"));
     EXPECT_TRUE(run("! find . -type d ! -perm 700 -o -type f ! -perm 600 | grep ."));
+    inChild([] {  // without XDG_RUNTIME_DIR, as after su
+        unsetenv("ZOL_VCONF_DIR"), unsetenv("XDG_RUNTIME_DIR");
+        const std::string mount =
+            "mount --make-rprivate /; mount -t tmpfs none /run; mkdir -p -m 700 /run/user/$(id -u)";
+        REQUIRE(geteuid() != 0 || unshare(CLONE_NEWNS) != 0 || !run(mount) ||
+                (put("memory/a", 1) && run("ls /run/user/*/zol-tv")));
+    });
 }
 
 TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritten)

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Building for a platform that pkg-config knows: system_platform_test.sh SOURCE_DIR BUILD_DIR
-# The desk's platform, installed from BUILD_DIR into a scratch prefix, plays the TV's, and another project takes the
+# The desk platform, installed from BUILD_DIR into a scratch prefix, plays the TV's, and another project takes the
 # library in, with what a customer builds over it.
 set -euo pipefail
 scratch=$(mktemp -d)
@@ -27,4 +27,4 @@ grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$library")" ||
 libraries=$(ldd "$library")
 [ "$(grep -cE "lib(vconf|dlog).so.1 => $prefix/" <<<"$libraries")" = 2 ] ||
     fail "the library does not link the prefix's platform: $libraries"
-! find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep . || fail "the stand-ins above were built as well"
+! find "$scratch/build" -name 'libvconf*' -o -name 'libdlog*' | grep . || fail "the desk platform was built as well"

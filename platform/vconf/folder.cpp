@@ -38,9 +38,8 @@ fs::path absolute(const std::string& text, const char* variable)
     return path;
 }
 
-// A volatile store is never synced, so after a crash of the machine its files may be damaged, and its values are meant
-// to be gone by then anyhow: each start of the machine gets a folder of its own. Those of earlier starts stay, since a
-// container may have another id and use the same place; where volatile folders are by default the system clears them.
+// A volatile store is never synced, so a crash of the machine may damage it: each start of the machine has its own
+// folder. Older ones stay, since a container may have another boot id and use the same place.
 std::string thisBoot()
 {
     constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
@@ -87,9 +86,12 @@ fs::path applicationFolder(Lifetime lifetime)
         return absolute(both, "ZOL_VCONF_DIR");
     }
     if (lifetime == Lifetime::Volatile) {
-        const std::string runtime = environment("XDG_RUNTIME_DIR");
-        return runtime.empty() ? fs::path("/dev/shm/zol-tv-" + std::to_string(geteuid()))
-                               : absolute(runtime, "XDG_RUNTIME_DIR") / "zol-tv";
+        const std::string user = std::to_string(geteuid());
+        std::string runtime = environment("XDG_RUNTIME_DIR");
+        if (const std::string own = "/run/user/" + user; runtime.empty() && access(own.c_str(), W_OK) == 0) {
+            runtime = own;  // su and services do not set the variable
+        }
+        return runtime.empty() ? fs::path("/dev/shm/zol-tv-" + user) : absolute(runtime, "XDG_RUNTIME_DIR") / "zol-tv";
     }
     const std::string state = environment("XDG_STATE_HOME");
     if (!state.empty()) {

@@ -1,4 +1,4 @@
-// The desk's key-value store: the functions of vconf.h on top of the store's two halves.
+// The desk platform's key-value store: the functions of vconf.h on top of the store's two halves.
 
 #include <vconf.h>
 

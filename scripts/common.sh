@@ -3,7 +3,7 @@
 
 case ${1-} in
     -h | --help) # the comment at the script's head
-        for script in {scripts,.ci}/"${0##*/}"; do
+        for script in {scripts,scripts/checks,.ci}/"${0##*/}"; do
             [ ! -f "$script" ] || sed -n '2,/^[^#]/ s/^# \{0,1\}//p' "$script"
         done
         exit 0

@@ -1,4 +1,4 @@
-"""Makes small changes to src/ by rule and tells which of them the tests do not notice. Run by scripts/check-mutants."""
+"""Makes small changes to src/ by rule and tells which of them the tests do not notice. Run by scripts/check mutants."""
 
 import concurrent.futures
 import glob
