@@ -1,4 +1,5 @@
-// The desk platform's store: reads, writes and delivery to another process. The peer's side of each row is in gsettings.cpp.
+// The desk platform's store: reads, writes and delivery to another process. The peer's side of each row is in
+// gsettings.cpp.
 
 #include <sys/prctl.h>
 #include <unistd.h>

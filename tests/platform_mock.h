@@ -1,6 +1,6 @@
 // The platform's store and log for tests: vconf_* and dlog_print are defined in the test program, which exports them,
-// so that the library, as it is built, calls these instead of the desk platform. No write fires a change of its own accord.
-// Any thread may call everything here. No lock of the mock is held while the hook or a handler runs.
+// so that the library, as it is built, calls these instead of the desk platform. No write fires a change of its own
+// accord. Any thread may call everything here. No lock of the mock is held while the hook or a handler runs.
 #ifndef ZOL_TESTS_PLATFORM_MOCK_H
 #define ZOL_TESTS_PLATFORM_MOCK_H
 

@@ -1,5 +1,5 @@
-// The desk platform's log service: one line a call, to standard error, to a file or nowhere. It takes no lock and waits for
-// nobody for long, since a line must never stop or end its program: one that cannot be written is lost and counted.
+// The desk platform's log service: one line a call, to standard error, to a file or nowhere. It takes no lock and waits
+// for nobody for long, since a line must never stop or end its program: one that cannot be written is lost and counted.
 
 #include <dlog.h>
 
