@@ -7,23 +7,25 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <utility>
 
 class SettingsPanel {
 public:
     // Shows the settings as one line of text, now and whenever one changes, on whichever thread.
     explicit SettingsPanel(std::function<void(const std::string& text)> show) : show_(std::move(show))
     {
-        // The watches come first and wait for this lock, so no change is missed and none is overwritten by an older
-        // one.
+        // The watches were made before these reads, so no change is missed.
         const std::lock_guard<std::mutex> guard(mutex_);
         active_ = ZOLSystemData::GetZOLActivated();
         ZOLSystemData::GetZOLLanguage(language_);
         ZOLSystemData::GetZOLDefaultAssistantAppid(assistant_);
         ZOLSystemData::GetOSDCountry(country_);
         ZOLSystemData::GetBackgroundVolume(volume_);
+        isRead_ = true;
         showAll();
     }
 
@@ -40,7 +42,9 @@ private:
         return [this, &setting](const Value& value) {
             const std::lock_guard<std::mutex> guard(mutex_);
             setting = value;
-            showAll();
+            if (isRead_) {
+                showAll();
+            }
         };
     }
 
@@ -54,6 +58,7 @@ private:
 
     std::function<void(const std::string& text)> show_;
     std::mutex mutex_;  // protects the settings
+    bool isRead_ = false;
     bool active_ = false;
     std::string language_ = "-", assistant_ = "-", country_ = "-";
     int volume_ = 0;

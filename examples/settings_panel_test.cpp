@@ -38,7 +38,11 @@ private:
 int main()
 {
     char store[] = "/tmp/panel-XXXXXX";
-    setenv("ZOL_VCONF_DIR", mkdtemp(store), 1);  // before the process uses the store, which reads it once
+    if (mkdtemp(store) == nullptr) {
+        std::cerr << "/tmp cannot be written to" << std::endl;
+        return 1;
+    }
+    setenv("ZOL_VCONF_DIR", store, 1);  // before the process uses the store, which reads it once
     bool passed = false;
     {
         setString(ZOLVconfKey::OSDCountry, "DE");  // what the TV writes, and apps may not

@@ -1,9 +1,10 @@
 #!/bin/bash
-# Tests the settings panel from outside, with zolctl in the TV's part: settings_panel_test.sh PANEL
+# Tests the settings panel from outside, with zolctl playing the TV: settings_panel_test.sh PANEL
 set -euo pipefail
 ZOL_VCONF_DIR=$(mktemp -d)
 export ZOL_VCONF_DIR ZOL_DLOG=off
-trap 'kill "$panel"; rm -r "$ZOL_VCONF_DIR"' EXIT
+panel=
+trap '[ -z "$panel" ] || { kill "$panel" && wait "$panel"; } || true; rm -r "$ZOL_VCONF_DIR"' EXIT
 
 zolctl load - <<<'{"OSDCountry": "DE", "BackgroundVolume": 5}'
 "$1" >"$ZOL_VCONF_DIR/shown" &

@@ -1,5 +1,5 @@
 /// @file
-/// Watches: any callable is told when the TV's system data changes, for as long as an object lives. For C++17; all of
+/// Watches: any callable is called when the TV's system data changes, for as long as an object lives. For C++17; all of
 /// it is in this header, over the operations of ZOLSystemDataNotify.
 #ifndef ZOL_WATCH_H
 #define ZOL_WATCH_H
@@ -26,13 +26,13 @@
 /// A watch of one topic, made by the function of the topic's name:
 /// @code
 /// ZOLWatch language = ZOLWatch::ZOLLanguage([&](const std::string& value) { show(value); });
-/// if (!language) ...  // it could not be made; the log tells why
+/// if (!language) ...  // vconf refused; the log tells why
 /// @endcode
 ///
-/// The callable takes the new value: a `const std::string&`, an `int` or a `bool`. It is called once for every write of
-/// the key after the watch was made, on the thread on which vconf delivers changes. A topic may have any number of
-/// watches; they are called one after another, first made first. An exception from a callable does not keep the others
-/// from being called; the library logs it. A callable must not end its thread.
+/// The callable is called once for every write of the key after the watch was made, on the thread on which vconf
+/// delivers changes. A topic may have any number of watches; they are called one after another, first made first. An
+/// exception from a callable does not keep the others from being called; the library logs that there was one. A
+/// callable must not end its thread.
 ///
 /// A watch is false when vconf refused it, when the library had no memory, or when the callable is a null pointer or an
 /// empty std::function. The next watch of the topic tries again. Making a watch may throw std::bad_alloc, or what
@@ -45,21 +45,20 @@
 ///
 /// A callable may make and end any watches. One made while callables of its topic run is told from the next event on.
 ///
-/// What waits, and what deadlocks:
-/// - The end of a watch waits while its callable runs on another thread; the end of a topic's last watch waits for all
-///   callables of the topic. A callable must therefore not wait for a thread that ends its watch, for example by taking
-///   a lock that this thread holds.
-/// - If vconf delivers on several threads, callables of two topics must not end each other's watches, nor make the
-///   first watch of each other's topic.
-/// - Plain callbacks of a topic must not make or end watches of that topic. Each program and shared object has its own
-///   watches, so a callable must not make or end watches of its topic in another shared object either.
+/// To avoid deadlocks, a callable, and a plain callback of the same topic, must not wait for a thread that makes or
+/// ends a watch of the topic, for example by taking a lock that this thread holds. If vconf delivers on several
+/// threads, callables of different topics must not make or end watches of each other's topics in a cycle. Plain
+/// callbacks must not make or end watches of their topic. Each program and shared object has its own watches, so a
+/// callable must not make or end those of its topic in another shared object either.
 ///
 /// The topic is unsubscribed when its last watch ends. If that watch ends in a callable of the topic, it is
 /// unsubscribed when the next watch of the topic ends outside. A plugin must end its watches outside their callables
 /// before it is unloaded.
 ///
 /// Threads: any thread may make, move and end watches, but not two threads the same object at once. A callable may run
-/// before its watch has been assigned. A child of fork() is told nothing and must not touch watches.
+/// before its watch has been assigned, so an object that a callable ends and others use needs a lock: move the watch
+/// out under the lock, and end it after releasing the lock. A thread must not be cancelled while it makes or ends a
+/// watch. A child of fork() is told nothing and must not touch watches.
 class ZOLWatch {
 public:
     /// Ends the watch; without one it does nothing.
@@ -68,16 +67,20 @@ public:
     /// @return whether this is a watch that was made and has not been ended.
     explicit operator bool() const noexcept { return entry_ != nullptr; }
 
+// Hidden here and below, so that every program and shared object has its own topics: shared symbols would keep a plugin
+// from being unloaded, and mix versions of this header.
 // NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the operations of a topic are named after it
-#define ZOL_WATCH_TOPIC(name, Value)                                                       \
-    template <class Callable>                                                              \
-    [[nodiscard]] static ZOLWatch name(Callable callable)                                  \
-    {                                                                                      \
-        return make<Value, ZOLSystemDataNotify::Register##name##Callback,                  \
-                    ZOLSystemDataNotify::Unregister##name##Callback>(std::move(callable)); \
+#define ZOL_WATCH_TOPIC(name, Value)                                                                \
+    template <class Callable>                                                                       \
+    [[nodiscard, gnu::visibility("hidden")]] static ZOLWatch name(Callable callable)                \
+    {                                                                                               \
+        return TopicOf<Value, ZOLSystemDataNotify::Register##name##Callback,                        \
+                       ZOLSystemDataNotify::Unregister##name##Callback>::make(std::move(callable)); \
     }
     /// Makes a watch of the topic that ZOLSystemDataNotify has under this name.
-    /// @param callable  Takes the new value, of the topic's type, and may return anything. It is moved into the watch.
+    /// @param callable  Takes the new value: an `int` for the three counters and BackgroundVolume, a `bool` for
+    ///                  ZOLActivated and ZOLMultipleMode, otherwise a `const std::string&`. It may return anything. It
+    ///                  is moved into the watch.
     /// @{
     ZOL_WATCH_TOPIC(ZOLConcurrentAppList, std::string)
     ZOL_WATCH_TOPIC(DravixResetCount, int)
@@ -96,36 +99,30 @@ public:
 #undef ZOL_WATCH_TOPIC
 
 private:
-    class Topic;
     struct Entry;
     using List = std::list<std::shared_ptr<Entry>>;
 
     struct Entry {
         virtual ~Entry() = default;
         virtual void call(const void* value) = 0;
-        Topic* topic = nullptr;
+        virtual void end() noexcept = 0;
         List::iterator place;     // in the topic's list
         std::uint64_t since = 0;  // the delivery during or after which it was made
     };
-    template <class Value, class Callable>
-    struct EntryOf final : Entry {
-        explicit EntryOf(Callable&& from) : callable(std::move(from)) {}
-        void call(const void* value) override { static_cast<void>(callable(*static_cast<const Value*>(value))); }
-        Callable callable;
-    };
     struct End {
-        void operator()(Entry* entry) const noexcept { entry->topic->end(entry->place); }
+        void operator()(Entry* entry) const noexcept { entry->end(); }
     };
 
     // What the watches of a topic share. lock_ protects all of it. It is not held while a callable runs or is
     // destroyed, nor while the library is called, so its holder waits for nothing but changed_. The library never runs
     // a topic's callback on two threads at once.
-    class Topic {
+    class [[gnu::visibility("hidden")]] Topic
+    {
     public:
         explicit Topic(bool (*registration)(bool wanted)) : registration_(registration) {}
 
         // Moves the one element of the list to the topic's list, and returns whether the topic is subscribed.
-        bool add(List& made)
+        bool add(List & made)
         {
             std::unique_lock<std::mutex> guard(lock_);
             changed_.wait(guard, [this] { return !inLibrary_; });  // which it is while a callable runs
@@ -134,7 +131,6 @@ private:
             }
             if (registered_) {
                 Entry& entry = *made.front();
-                entry.topic = this;
                 entry.place = made.begin();
                 entry.since = deliveries_;
                 watches_.splice(watches_.end(), made);
@@ -151,9 +147,9 @@ private:
             if (delivering()) {
                 return;  // the library would wait for this very delivery
             }
-            changed_.wait(guard, [&] { return running_ != watch->get(); });
             // A callable that still runs may make a watch, and would miss events if the topic were unsubscribed.
-            changed_.wait(guard, [this] { return !watches_.empty() || thread_ == std::thread::id(); });
+            changed_.wait(
+                guard, [&] { return running_ != watch->get() && (!watches_.empty() || thread_ == std::thread::id()); });
             if (watches_.empty() && registered_) {
                 callLibrary(guard, false);
             }
@@ -190,12 +186,16 @@ private:
         // Whether the caller is, at some depth, one of the topic's callables.
         bool delivering() const { return thread_ == std::this_thread::get_id(); }
 
-        void callLibrary(std::unique_lock<std::mutex>& guard, bool wanted)
+        void callLibrary(std::unique_lock<std::mutex> & guard, bool wanted)
         {
             inLibrary_ = true;
             registered_ = false;
             guard.unlock();
-            const bool succeeded = registration_(wanted);
+            bool succeeded = false;
+            try {
+                succeeded = registration_(wanted);
+            } catch (const std::bad_alloc&) {  // of a registration: the watch is refused
+            }
             guard.lock();
             registered_ = succeeded && wanted;
             inLibrary_ = false;
@@ -214,10 +214,9 @@ private:
         bool inLibrary_ = false;                // a thread is registering or unregistering
     };
 
-    // A topic's state and callback. Hidden, so that every program and shared object has its own: shared symbols would
-    // keep a plugin from being unloaded.
     template <class Value, auto add, auto remove>
-    struct __attribute__((visibility("hidden"))) TopicOf {
+    struct [[gnu::visibility("hidden")]] TopicOf
+    {
         static void callback(Value value, void* /*userData*/) { topic().deliver(&value); }
         static bool registration(bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; }
         // Never destroyed, since the library may call until the process ends; not on the heap, where an unloaded
@@ -228,26 +227,34 @@ private:
             static Topic& made = *new (place) Topic(registration);
             return made;
         }
-    };
 
-    template <class Value, auto add, auto remove, class Callable>
-    static ZOLWatch make(Callable callable)
-    {
-        static_assert(std::is_invocable_v<Callable&, const Value&>, "the callable of a watch takes the topic's value");
-        ZOLWatch watch;
-        if constexpr (std::is_assignable_v<Callable&, std::nullptr_t>) {
-            if (callable == nullptr) {
-                return watch;
+        template <class Callable>
+        struct EntryOf final : Entry {
+            explicit EntryOf(Callable&& from) : callable(std::move(from)) {}
+            void call(const void* value) override { static_cast<void>(callable(*static_cast<const Value*>(value))); }
+            void end() noexcept override { topic().end(place); }
+            Callable callable;
+        };
+
+        template <class Callable>
+        static ZOLWatch make(Callable && callable)
+        {
+            static_assert(std::is_invocable_v<Callable&, const Value&>, "a watch's callable takes the topic's value");
+            ZOLWatch watch;
+            if constexpr (std::is_assignable_v<Callable&, std::nullptr_t> && std::is_constructible_v<bool, Callable&>) {
+                if (!callable) {
+                    return watch;
+                }
             }
+            // Not std::make_shared, which has a symbol that keeps a plugin from being unloaded.
+            List made{std::shared_ptr<Entry>(new EntryOf<Callable>(std::move(callable)))};
+            Entry* const entry = made.front().get();
+            if (topic().add(made)) {
+                watch.entry_.reset(entry);
+            }
+            return watch;
         }
-        // Not std::make_shared, whose symbol is one for the whole process and would keep a plugin from being unloaded.
-        List made{std::shared_ptr<Entry>(new EntryOf<Value, Callable>(std::move(callable)))};
-        Entry* const entry = made.front().get();
-        if (TopicOf<Value, add, remove>::topic().add(made)) {
-            watch.entry_.reset(entry);
-        }
-        return watch;
-    }
+    };
 
     std::unique_ptr<Entry, End> entry_;  // which the topic owns
 };

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <new>
 
+#include "ZOLWatch.h"
 #include "capi-zol-tv.h"
 #include "platform_mock.h"
 
@@ -83,6 +84,7 @@ const Operation operations[] = {
     {"another callback added", [] { return add(on<1>); }, kNoNode, 1},
     {"a callback removed", [] { return remove(on<0>); }, "none", 2},
     {"the last callback removed", [] { return remove(on<0>); }, "none", 1},
+    {"a watch", [] { return bool(ZOLWatch::OSDCountry([](const std::string&) {})); }, "bad_alloc|failed"},
     {"a delivery", deliver, "exception in cb", 2},
 };
 

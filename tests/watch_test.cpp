@@ -44,7 +44,7 @@ auto noting(const std::string& name)
 }
 Watch language(const std::string& name) { return Watch::ZOLLanguage(noting(name)); }
 int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, value); }
-void giveWay() { std::this_thread::sleep_for(std::chrono::milliseconds(2)); }
+void giveWay() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
 
 class WatchTest : public testing::Test {
     void SetUp() override { mock::reset(), noted.clear(); }
@@ -79,6 +79,11 @@ TEST_F(WatchTest, ATopicTellsItsWatchesInTheOrderOfMaking)
     tryTopic(key::BackgroundVolume, -4, "-4", [](auto call) { return Watch::BackgroundVolume(call); });
     tryTopic(key::ZOLActivated, 2, "false", [](auto call) { return Watch::ZOLActivated(call); });
     EXPECT_FALSE(Watch::ZOLLanguage(std::function<void(std::string)>()));
+    struct OfPointer {       // can be assigned null, but not compared with it
+        OfPointer(void*) {}  // NOLINT(google-explicit-constructor,hicpp-explicit-conversions)
+        void operator()(const std::string& /*value*/) {}
+    };
+    EXPECT_TRUE(Watch::ZOLLanguage(OfPointer(nullptr)));
 }
 
 TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
