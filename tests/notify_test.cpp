@@ -20,6 +20,8 @@
 #include "platform_mock.h"
 
 using mock::Events;
+using mock::onEvent;
+using mock::received;
 
 namespace {
 
@@ -40,16 +42,6 @@ void on(Value value, void* data)
 constexpr auto onText = on<std::string, 1>;
 constexpr auto onTextToo = on<std::string, 2>;
 char one[] = "one", two[] = "two", three[] = "three";
-
-// What the callbacks noted since the events were last taken.
-Events received()
-{
-    Events all = mock::takeEvents(), noted;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(noted), [](const std::string& event) {
-        return event.find(".cpp: ") == std::string::npos && event.find("vconf_") != 0;
-    });
-    return noted;
-}
 
 const auto untyped = [](auto callback) { return reinterpret_cast<void*>(callback); };
 
@@ -172,17 +164,6 @@ TEST_F(NotifyTest, RefusalsAreAnsweredAndTheWatcherStaysOrGoes)
     expectCall(1, removeLanguage(onTextToo), Events{kRemoving, kEmpty, kIgnore} + kReleased);
     std::mutex keyLock;
     expectCall(0, __unRegisterVconfCallback(nullptr, one, keyLock), {});
-}
-
-// Does something at the next event of that kind.
-void onEvent(const std::string& event, const std::function<void()>& act)
-{
-    mock::setHook([=](const std::string& each) {
-        if (each == event) {
-            mock::setHook(nullptr);
-            act();
-        }
-    });
 }
 
 using Watcher = VconfCallbackGenerator;

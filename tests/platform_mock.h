@@ -89,6 +89,27 @@ inline void expectEvents(const Events& expected, int line = __builtin_LINE())
     EXPECT_EQ(expected, takeEvents()) << "in line " << line;
 }
 
+// What the callbacks noted since the events were last taken.
+inline Events received()
+{
+    Events all = takeEvents(), noted;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(noted), [](const std::string& event) {
+        return event.find(".cpp: ") == std::string::npos && event.find("vconf_") != 0;
+    });
+    return noted;
+}
+
+// Does something at the next event of that kind.
+inline void onEvent(const std::string& event, const std::function<void()>& act)
+{
+    setHook([=](const std::string& each) {
+        if (each == event) {
+            setHook(nullptr);
+            act();
+        }
+    });
+}
+
 inline thread_local keynode_t* record = nullptr;  // of the delivery that runs
 inline void deliver(const Subscription& to, const Value& value)
 {

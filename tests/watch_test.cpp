@@ -22,24 +22,13 @@ namespace key = ZOLVconfKey;
 using mock::Events;
 using Watch = ZOLWatch;
 
-Events noted;  // by callables; mock::Locked protects it
-void note(const std::string& text)
-{
-    const mock::Locked locked;
-    noted.push_back(text);
-}
-void received(const Events& expected, int line = __builtin_LINE())
-{
-    EXPECT_EQ(expected, (mock::Locked(), std::exchange(noted, {}))) << "in line " << line;
-}
-
 // A callable that notes its name and the value.
 auto noting(const std::string& name)
 {
     return [name](const auto& value) {
         std::ostringstream text;
         text << std::boolalpha << name << " " << value;
-        note(text.str());
+        mock::note(text.str());
     };
 }
 Watch language(const std::string& name) { return Watch::ZOLLanguage(noting(name)); }
@@ -47,7 +36,7 @@ int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, value);
 void giveWay() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
 
 class WatchTest : public testing::Test {
-    void SetUp() override { mock::reset(), noted.clear(); }
+    void SetUp() override { mock::reset(); }
     void TearDown() override  // whatever was left to the next watch is made up for
     {
         EXPECT_TRUE(language("last"));
@@ -60,12 +49,14 @@ void tryTopic(const char* path, const mock::Value& value, const std::string& tex
 {
     mock::refuse("vconf_notify_key_changed");
     EXPECT_FALSE(make(noting("refused")));
-    Watch watches[] = {make(noting("1")), make(noting("2")), make(noting("3"))};
+    const auto throwing = [note = noting("2")](const auto& told) { note(told), throw 2; };
+    Watch watches[] = {make(noting("1")), make(throwing), make(noting("3"))};
     EXPECT_EQ(1, mock::fire(path, value));
+    EXPECT_THAT(mock::Locked()->events, testing::Contains(testing::HasSubstr("exception in cb")));
     watches[0].end();
     watches[1] = std::move(watches[2]);
     EXPECT_EQ(1, mock::fire(path, value));
-    received({"1 " + text, "2 " + text, "3 " + text, "3 " + text});
+    EXPECT_EQ(Events({"1 " + text, "2 " + text, "3 " + text, "3 " + text}), mock::received());
     EXPECT_TRUE(watches[1]);
     watches[1].end();
     EXPECT_FALSE(watches[1]);
@@ -94,18 +85,18 @@ TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
         before.end(), own.reset(), next.end(), other.reset();
         made = language("replaced");
         made = language("made");
-        note(held ? "own" : "destroyed while it runs");
+        mock::note(held ? "own" : "destroyed while it runs");
     });
     next = Watch::ZOLLanguage([held = language("held by the next")](std::string) {});
     last = Watch::ZOLLanguage([&](const std::string& value) {
-        note("last " + value);
+        mock::note("last " + value);
         value == "2" ? made.end(), last.end() : void();
     });
     fire("1");
-    received({"before 1", "held 1", "own", "last 1"});
+    EXPECT_EQ(Events({"before 1", "held 1", "own", "last 1"}), mock::received());
     EXPECT_EQ(0, mock::fire(key::OSDCountry, "x"));
     fire("2");
-    received({"last 2"});
+    EXPECT_EQ(Events({"last 2"}), mock::received());
 }
 
 // Whoever ends a watch may free what its callable uses, also when the topic has other watches and stays subscribed.
@@ -141,7 +132,7 @@ TEST_F(WatchTest, AWatchThatIsMadeWhileTheLastOnesEndMissesNothing)
     running.pass();
     other.end();
     EXPECT_EQ(1, fire("2"));
-    received({"other 1", "made 2"});
+    EXPECT_EQ(Events({"other 1", "made 2"}), mock::received());
 }
 
 TEST_F(WatchTest, OthersMayComeWhileTheLastOnesEnd)
@@ -149,14 +140,11 @@ TEST_F(WatchTest, OthersMayComeWhileTheLastOnesEnd)
     const Gate running;
     const auto run = [&running](const std::string&) { running.open(), giveWay(); };
     Watch made, last = language("last"), lastToRun = Watch::ZOLLanguage(run);
-    std::atomic<bool> begun{false};
     std::thread make, deliver;
-    mock::setHook([&](const std::string& event) {
-        if (event.find("UnregisterCallback: \"Start\"") != std::string::npos && !begun.exchange(true)) {
-            make = std::thread([&made] { made = language("made"); });
-            deliver = std::thread(fire, "0");
-            giveWay();
-        }
+    mock::onEvent("VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"\n", [&] {
+        make = std::thread([&made] { made = language("made"); });
+        deliver = std::thread(fire, "0");
+        giveWay();
     });
     std::thread delivery(fire, "0");
     running.pass();
@@ -165,20 +153,9 @@ TEST_F(WatchTest, OthersMayComeWhileTheLastOnesEnd)
     for (std::thread* thread : {&delivery, &end, &make, &deliver}) {
         thread->join();
     }
-    mock::setHook(nullptr);
-    noted.clear();
+    mock::takeEvents();
     EXPECT_EQ(1, fire("1"));
-    received({"made 1"});
-}
-
-TEST_F(WatchTest, ACallableThatThrowsHoldsNothingUp)
-{
-    const Watch thrower = Watch::ZOLLanguage([](const std::string&) { throw std::string("from a callable"); });
-    const Watch other = language("other");
-    fire("1");
-    EXPECT_THAT(mock::Locked()->events.back(), testing::HasSubstr("exception in cb"));
-    fire("2");
-    received({"other 1", "other 2"});
+    EXPECT_EQ(Events({"made 1"}), mock::received());
 }
 
 // Several threads make the topic's first watch, move it and end the last one, again and again.
@@ -206,9 +183,9 @@ TEST_F(WatchTest, APluginThatEndedItsWatchesIsUnloaded)
     void* const plugin = dlopen(WATCH_PLUGIN, RTLD_NOW);
     ASSERT_NE(nullptr, plugin) << dlerror();
     const auto follow = reinterpret_cast<void (*)(void (*)(const char*))>(dlsym(plugin, "follow"));
-    follow([](const char* value) { note(value); });
+    follow([](const char* value) { mock::note(value); });
     EXPECT_EQ(1, mock::fire(key::WebAppInstall, "1"));
-    received({"1"});
+    EXPECT_EQ(Events({"1"}), mock::received());
     follow(nullptr);
     dlclose(plugin);
     EXPECT_EQ(nullptr, dlopen(WATCH_PLUGIN, RTLD_NOW | RTLD_NOLOAD));
