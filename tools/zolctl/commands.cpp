@@ -166,15 +166,14 @@ int dump() { return printObject(readLike("")); }
 
 int get(const std::vector<std::string>& names, bool json)
 {
-    std::vector<const Setting*> settings;
-    settings.reserve(names.size());
+    Values values;
     for (const std::string& name : names) {
-        settings.push_back(&findSetting(name));
+        values.emplace_back(&findSetting(name), std::nullopt);
     }
     int result = 0;
-    Values values;
-    for (const Setting* setting : settings) {
-        if (!values.emplace_back(setting, read(*setting)).second) {
+    for (auto& [setting, value] : values) {
+        value = read(*setting);
+        if (!value) {
             printError(whyNoValue(*setting));
             result = kExitFailed;
         }

@@ -46,6 +46,11 @@ struct WatchOptions {
 /// Prints every change, and keeps the platform's thread at work when it returns: the process is to end.
 int watch(const WatchOptions& options);
 
+/// Checks what the library relies on against the platform underneath, with scratch keys that are set back at the end,
+/// also when a signal ends it.
+/// @param timeout  How many seconds each check may take.
+int selftest(double timeout);
+
 /// Prints what the last of the words can be completed to, one a line; the exit code is 1 when it is a file.
 /// @param words  What stands behind the program's name; the last one may be empty.
 int complete(const CLI::App& program, const std::vector<std::string>& words);

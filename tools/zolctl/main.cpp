@@ -18,7 +18,6 @@
 #include "commands.h"
 #include "error.h"
 #include "output.h"
-#include "selftest.h"
 #include "settings.h"
 
 using namespace zolctl;

@@ -1,8 +1,6 @@
 // Each check runs in a process of its own, so that a call that never returns, or crashes, spoils that check only. The
 // parent makes no call into the platform, which need not work in a child of a process that has used it.
 
-#include "selftest.h"
-
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -28,6 +26,7 @@
 #include <vector>
 
 #include "ZOLTypedKeys.h"
+#include "commands.h"
 #include "error.h"
 #include "output.h"
 
@@ -54,13 +53,9 @@ void expectSuccess(const std::string& function, int result) { expect(function, "
 // A child that answers requests. It is killed in the end, and when its parent dies, whatever it is doing.
 class Process {
 public:
-    struct Answer {
-        std::string fault;  // what was thrown instead, or why no answer came
-        std::string text;
-    };
     using Serve = std::function<std::string(const std::string& request)>;
 
-    /// @param task  What a caller waits for, in the words of the fault when no answer comes.
+    /// @param task  What a caller waits for.
     Process(const char* task, milliseconds limit, const Serve& serve) : task_(task), limit_(limit)
     {
         std::array<int, 2> ends{};
@@ -83,7 +78,8 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    Answer ask(const std::string& request) const
+    /// @throws Failure with what the child threw, or why no answer came.
+    std::string ask(const std::string& request) const
     {
         (void)send(socket_, request.data(), request.size(), MSG_NOSIGNAL);
         pollfd waiting{socket_, POLLIN, 0};
@@ -91,10 +87,10 @@ public:
         std::string text(kLongest, '\0');
         const ssize_t size = inTime ? recv(socket_, text.data(), text.size(), 0) : 0;
         if (size <= 0) {
-            return {task_ + ": expected its end, came " + (inTime ? "that of its process" : "none in time"), ""};
+            throw Failure(task_ + (inTime ? " ended its process" : " did not return in time"));
         }
         text.resize(static_cast<std::size_t>(size));
-        return text[0] == '+' ? Answer{"", text.substr(1)} : Answer{text.substr(1), ""};
+        return text[0] == '+' ? text.substr(1) : throw Failure(text.substr(1));
     }
 
 private:
@@ -306,11 +302,6 @@ struct OtherProcess : Process {
     {
         return request == "read" ? shown(kNumber) : std::to_string(tryToWrite(kNumber, request));
     }
-    std::string ask(const std::string& request) const
-    {
-        const Answer answer = Process::ask(request);
-        return answer.fault.empty() ? answer.text : throw Failure(answer.fault);
-    }
     void write(const std::string& value) const { expect("vconf_set_int in another process", "0", ask(value)); }
 };
 
@@ -438,7 +429,7 @@ constexpr std::array kChecks = {
 
 // ---- running them ---------------------------------------------------------------------------------------------------
 
-// Reads the scratch keys and answers which of them hold nothing; later sets them back and answers what went wrong.
+// Reads the scratch keys and answers which of them hold nothing; later sets them back.
 std::string serveScratchKeys(const std::string& request)
 {
     static std::vector<std::pair<Key, std::string>> saved;
@@ -446,7 +437,7 @@ std::string serveScratchKeys(const std::string& request)
         const auto isRefused = [](const auto& each) { return tryToWrite(each.first, each.second) != 0; };
         return std::count_if(saved.begin(), saved.end(), isRefused) == 0
                    ? ""
-                   : "the platform refused the last write to a key under memory/zolctl/selftest/; add -v to see why";
+                   : throw Failure("the platform refused to set back a scratch key; add -v to see why");
     }
     std::string without;
     for (const Key& key : kScratchKeys) {
@@ -464,6 +455,17 @@ std::string serveScratchKeys(const std::string& request)
     return without;
 }
 
+// What went wrong, if anything did.
+std::string faultOf(const Process& process, const char* request)
+{
+    try {
+        process.ask(request);
+        return "";
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+}
+
 }  // namespace
 
 int selftest(double timeout)
@@ -475,11 +477,8 @@ int selftest(double timeout)
         sigaddset(&held, number);
     }
     sigprocmask(SIG_BLOCK, &held, nullptr);
-    const Process keys("a call for the scratch keys", timeLimit + kSlack, serveScratchKeys);
-    const Process::Answer left = keys.ask("save");
-    if (!left.fault.empty()) {
-        throw Failure("the platform does not return from a call that reads a scratch key");
-    }
+    const Process keys("a call that reads or sets back a scratch key", timeLimit + kSlack, serveScratchKeys);
+    const std::string without = keys.ask("save");
 
     std::size_t made = 0;
     std::size_t failed = 0;
@@ -495,7 +494,7 @@ int selftest(double timeout)
                 check.run(check.key);
                 return "";
             });
-            const std::string fault = process.ask("run").fault;
+            const std::string fault = faultOf(process, "run");
             ++made;
             failed += fault.empty() ? 0 : 1;
             print(fault.empty() ? std::string("ok   ") + check.promise + "\n"
@@ -504,13 +503,11 @@ int selftest(double timeout)
     } catch (const Failure& failure) {
         endedBy = failure.what();
     }
-    const Process::Answer back = keys.ask("set back");
-    const std::string problem =
-        back.fault.empty() ? back.text : "the platform does not return from a call that sets back a scratch key";
+    const std::string problem = faultOf(keys, "set back");
     sigprocmask(SIG_UNBLOCK, &held, nullptr);  // ends the tool if the reader of its output has gone
 
-    if (problem.empty() && !left.text.empty()) {
-        print("These keys had no value and keep a meaningless one until the machine restarts: " + left.text + "\n");
+    if (problem.empty() && !without.empty()) {
+        print("These keys had no value and keep a meaningless one until the machine restarts: " + without + "\n");
     }
     print(std::to_string(made - failed) + " of " + std::to_string(kChecks.size()) + " checks hold, " +
           std::to_string(failed) + " fail, " + std::to_string(kChecks.size() - made) + " not made\n");

@@ -24,29 +24,17 @@ bool getAppListText(std::string& value) { return getString(key::ZOLConcurrentApp
 
 // A setting by what the library lets its callers do. All names are made of its own.
 // NOLINTBEGIN(cppcoreguidelines-macro-usage): only macros can join names
-#define READ(type, name, text)                                         \
-    {                                                                  \
-#name, key::name, text, Operations < type> { Data::Get##name } \
+#define SETTING(type, name, text, ...)                             \
+    Setting                                                        \
+    {                                                              \
+#name, key::name, text, Operations < type> { __VA_ARGS__ } \
     }
-#define READ_WRITE(type, name, text)                                                    \
-    {                                                                                   \
-#name, key::name, text, Operations < type> { Data::Get##name, Data::Set##name } \
-    }
-#define READ_WATCH(type, name, text)                                                                              \
-    {                                                                                                             \
-#name, key::name, text, Operations < type> { Data::Get##name, nullptr, Notify::Register##name##Callback } \
-    }
-#define READ_WRITE_WATCH(type, name, text)                                     \
-    {                                                                          \
-#name, key::name, text, Operations < type>                             \
-        {                                                                      \
-            Data::Get##name, Data::Set##name, Notify::Register##name##Callback \
-        }                                                                      \
-    }
-#define WATCH(type, name, text, get)                                                                  \
-    {                                                                                                 \
-#name, key::name, text, Operations < type> { get, nullptr, Notify::Register##name##Callback } \
-    }
+#define READ(type, name, text) SETTING(type, name, text, Data::Get##name)
+#define READ_WRITE(type, name, text) SETTING(type, name, text, Data::Get##name, Data::Set##name)
+#define READ_WATCH(type, name, text) WATCH(type, name, text, Data::Get##name)
+#define READ_WRITE_WATCH(type, name, text) \
+    SETTING(type, name, text, Data::Get##name, Data::Set##name, Notify::Register##name##Callback)
+#define WATCH(type, name, text, get) SETTING(type, name, text, get, nullptr, Notify::Register##name##Callback)
 // NOLINTEND(cppcoreguidelines-macro-usage)
 
 }  // namespace

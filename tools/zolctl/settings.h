@@ -70,8 +70,9 @@ void write(const Setting& setting, const Value& value);
 /// Writes the key itself, as the platform would. Throws the same.
 void inject(const Setting& setting, const Value& value);
 
-/// Throws the same if the platform has just not taken a value of the setting.
-void checkTaken(const Setting& setting, bool taken);
+/// Throws the same if the platform has just not taken a call for the setting.
+/// @param what  What did not happen to the setting.
+void checkTaken(const Setting& setting, bool taken, const char* what = "written");
 
 }  // namespace zolctl
 

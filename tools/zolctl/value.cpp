@@ -68,11 +68,10 @@ std::optional<Value> read(const Setting& setting)
     } else if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {
         done = numbers->get != nullptr ? numbers->get(number) : getInt(setting.key, number);
         found = number;
-    } else if (!std::get<Operations<bool>>(setting.operations).get()) {
-        done = vconf_get_bool(setting.key, &number) == 0;  // the getter says false also for what cannot be read
-        found = number == 1;
     } else {
-        found = true;
+        const bool on = std::get<Operations<bool>>(setting.operations).get();  // false also for what cannot be read
+        done = on || vconf_get_bool(setting.key, &number) == 0;
+        found = on || number == 1;
     }
     if (!done) {
         checkStore(setting.key);
@@ -97,12 +96,12 @@ std::string whyNoValue(const Setting& setting)
            (setting.writable() ? "set " : "inject ") + setting.name + " VALUE";
 }
 
-void checkTaken(const Setting& setting, bool taken)
+void checkTaken(const Setting& setting, bool taken, const char* what)
 {
     if (!taken) {
         const std::string reason = platformReason();
         checkStore(setting.key);
-        throw Failure(std::string(setting.name) + " was not written, because the platform refused it: " + reason);
+        throw Failure(std::string(setting.name) + " was not " + what + ", because the platform refused it: " + reason);
     }
 }
 

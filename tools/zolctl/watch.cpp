@@ -49,15 +49,10 @@ struct Queue {
     std::condition_variable added;
     std::deque<Event> events;
 };
-Queue& theQueue()
-{
-    static auto& queue = *new Queue;
-    return queue;
-}
+Queue& queue = *new Queue;
 
 void push(Event event)
 {
-    Queue& queue = theQueue();
     const std::lock_guard<std::mutex> guard(queue.lock);
     queue.events.push_back(std::move(event));
     queue.added.notify_one();
@@ -65,7 +60,6 @@ void push(Event event)
 
 Event take()
 {
-    Queue& queue = theQueue();
     std::unique_lock<std::mutex> guard(queue.lock);
     queue.added.wait(guard, [&] { return !queue.events.empty(); });
     Event event = std::move(queue.events.front());
@@ -101,11 +95,7 @@ void subscribe(const Setting& setting)
             return operations.watch(onChange<Type>, const_cast<Setting*>(&setting)) == 1;
         },
         setting.operations);
-    if (!done) {
-        const std::string reason = platformReason();
-        checkStore(setting.key);
-        throw Failure(std::string("cannot watch ") + setting.name + ", because the platform refused it: " + reason);
-    }
+    checkTaken(setting, done, "watched");
 }
 
 // ---- printing -------------------------------------------------------------------------------------------------------
