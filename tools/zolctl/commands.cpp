@@ -367,14 +367,15 @@ int switchConcurrent(const std::vector<std::string>& apps, bool on)
             throw UsageError("'" + app + "' is no app id; give one that is not empty and is UTF-8");
         }
     }
-    // The library reads the list, changes it and writes it back, so one zolctl at a time. The program itself is a file
-    // that all of them can open, whoever runs them; the lock ends with the process.
-    const int program = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
-    if (program < 0 || flock(program, LOCK_EX) != 0) {
-        throw Failure(std::string("cannot take turns with other zolctl, by a lock on the program's own file: ") +
-                      std::strerror(errno));
-    }
+    // The library reads the list, changes it and writes it back, so one zolctl at a time. They lock the folder around
+    // the store's, or, where there is none, the program itself, which all can open; the lock ends with the process.
     const Setting& setting = findSetting("ZOLConcurrentAppList");
+    const std::string folder = checkStore(setting.key);
+    const std::string locked = folder.empty() ? "/proc/self/exe" : folder + "/..";
+    const int file = open(locked.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0 || flock(file, LOCK_EX) != 0) {
+        throw Failure("cannot take turns with other zolctl by a lock on " + locked + ": " + std::strerror(errno));
+    }
     for (const std::string& app : apps) {
         on ? ZOLSystemData::EnableZOLConcurrentMode(app) : ZOLSystemData::DisableZOLConcurrentMode(app);
         checkTaken(setting, lastTextWrite().result == 0);
