@@ -118,7 +118,7 @@ for name in $(names '$3 ~ /write/'); do check "set $name" 0 "" "" set "$name" on
 check "lowest" 0 "" "" inject BackgroundVolume -2147483648
 "$zolctl" load "$example" || fail "load of the example"
 same "dump gives what was loaded" "$(export ZOL_VCONF_DIR=$work/other && "$zolctl" load "$example" && "$zolctl" dump)" "$(<"$example")"
-check "get several" 0 $'OSDLanguage=en_GB\nAmbientMode=on' "" get db/menu_widget/language AmbientMode
+check "get several" 0 $'OSDLanguage=en_GB\nAmbientMode=on' "" get db/menu_widget/language AmbientMode OSDLanguage
 "$zolctl" concurrent enable app.x app.y
 "$zolctl" concurrent disable org.example.alpha app.x
 check "concurrent list" 0 '["app.y"]' "" concurrent list --json
@@ -137,7 +137,7 @@ concurrent enable -x|unknown option -x; put -- before a text that begins with a 
 set OSDLanguage -x|unknown option -x; put -- before a text
 lsit|unknown command lsit; did you mean list?
 help gte|did you mean get?
-list Xyz|no setting is called like Xyz
+list Xyz|no setting matches Xyz
 watch --until on|--until needs the name of one setting
 get osdlanguag|did you mean OSDLanguage?
 get Xyz|zolctl list shows

@@ -17,7 +17,6 @@
 #include <utility>
 
 #include "ZOLSystemData.h"
-#include "error.h"
 #include "output.h"
 #include "platform.h"
 #include "settings.h"
@@ -27,6 +26,11 @@ namespace {
 
 // Settings, some of them without a value.
 using Values = std::vector<std::pair<const Setting*, std::optional<Value>>>;
+
+bool holds(const Values& values, const Setting& setting)
+{
+    return std::any_of(values.begin(), values.end(), [&](const auto& each) { return each.first == &setting; });
+}
 
 // No value is shown as -, so a text of that one character is spelled out.
 std::string shown(const std::optional<Value>& value)
@@ -131,7 +135,7 @@ Values readLike(const std::string& pattern)
         }
     }
     if (values.empty()) {
-        throw UsageError("no setting is called like " + pattern + "; zolctl list shows them all");
+        throw UsageError("no setting matches " + pattern + "; zolctl list shows them all");
     }
     if (!any) {
         printError("none of these settings has a value");
@@ -154,6 +158,46 @@ std::string readFile(const std::string& path)
     return text;
 }
 
+Document parseFile(const std::string& source, const std::string& text)
+{
+    // Without recursion, so that no file can be nested too deep.
+    constexpr unsigned kFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
+    Document document;
+    document.Parse<kFlags>(text.data(), text.size());
+    const std::size_t nul = text.find('\0');  // where the parser takes the text to end
+    if (document.HasParseError() || nul != std::string::npos) {
+        const std::size_t offset = document.HasParseError() ? document.GetErrorOffset() : nul;
+        const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
+        throw UsageError(source + ", line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ": not JSON: " +
+                         (document.HasParseError() ? rapidjson::GetParseError_En(document.GetParseError())
+                                                   : "a NUL character; take it out"));
+    }
+    if (!document.IsObject()) {
+        throw UsageError(source + R"(: must hold one JSON object, like {"OSDLanguage": "en_US"})");
+    }
+    return document;
+}
+
+constexpr std::size_t kMaxTextSize = std::size_t{64} << 20;  // of the store on a desk
+
+Value valueFrom(const Setting& setting, const Document::ValueType& json)
+{
+    const std::string name = setting.name;
+    const std::string type = setting.type();
+    if (!(type == "boolean" ? json.IsBool() : type == "integer" ? json.IsInt() : json.IsString())) {
+        throw UsageError(name + (type == "boolean"   ? " must be true or false"
+                                 : type == "integer" ? " must be a whole number from -2147483648 to 2147483647"
+                                                     : " must be a string"));
+    }
+    if (!json.IsString()) {
+        return json.IsBool() ? Value(json.GetBool()) : Value(json.GetInt());
+    }
+    if (json.GetStringLength() > kMaxTextSize) {
+        throw UsageError(name + " is longer than 64 MiB; shorten it");
+    }
+    return parseValue(setting, {json.GetString(), json.GetStringLength()});
+}
+
 }  // namespace
 
 int list(const std::string& pattern, bool withKey, bool json)
@@ -168,7 +212,10 @@ int get(const std::vector<std::string>& names, bool json)
 {
     Values values;
     for (const std::string& name : names) {
-        values.emplace_back(&findSetting(name), std::nullopt);
+        const Setting& setting = findSetting(name);
+        if (!holds(values, setting)) {  // by its name and its key, it would come twice
+            values.emplace_back(&setting, std::nullopt);
+        }
     }
     int result = 0;
     for (auto& [setting, value] : values) {
@@ -234,52 +281,6 @@ int describe(const std::string& name)
     return 0;
 }
 
-// ---- load -----------------------------------------------------------------------------------------------------------
-
-namespace {
-
-Document parseFile(const std::string& source, const std::string& text)
-{
-    // Without recursion, so that no file can be nested too deep.
-    constexpr unsigned kFlags = rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
-    Document document;
-    document.Parse<kFlags>(text.data(), text.size());
-    const std::size_t nul = text.find('\0');  // where the parser takes the text to end
-    if (document.HasParseError() || nul != std::string::npos) {
-        const std::size_t offset = document.HasParseError() ? document.GetErrorOffset() : nul;
-        const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
-        throw UsageError(source + ", line " + std::to_string(std::count(text.begin(), end, '\n') + 1) + ": not JSON: " +
-                         (document.HasParseError() ? rapidjson::GetParseError_En(document.GetParseError())
-                                                   : "a NUL character; take it out"));
-    }
-    if (!document.IsObject()) {
-        throw UsageError(source + R"(: must hold one JSON object, like {"OSDLanguage": "en_US"})");
-    }
-    return document;
-}
-
-constexpr std::size_t kMaxTextSize = std::size_t{64} << 20;  // of the store on a desk
-
-Value valueFrom(const Setting& setting, const Document::ValueType& json)
-{
-    const std::string name = setting.name;
-    const std::string type = setting.type();
-    if (!(type == "boolean" ? json.IsBool() : type == "integer" ? json.IsInt() : json.IsString())) {
-        throw UsageError(name + (type == "boolean"   ? " must be true or false"
-                                 : type == "integer" ? " must be a whole number from -2147483648 to 2147483647"
-                                                     : " must be a string"));
-    }
-    if (!json.IsString()) {
-        return json.IsBool() ? Value(json.GetBool()) : Value(json.GetInt());
-    }
-    if (json.GetStringLength() > kMaxTextSize) {
-        throw UsageError(name + " is longer than 64 MiB; shorten it");
-    }
-    return parseValue(setting, {json.GetString(), json.GetStringLength()});
-}
-
-}  // namespace
-
 int load(const std::string& path, bool dry)
 {
     const std::string source = path == "-" ? "standard input" : path;
@@ -290,10 +291,8 @@ int load(const std::string& path, bool dry)
     for (const auto& [jsonName, jsonValue] : document.GetObject()) {
         try {
             const Setting& setting = findSetting({jsonName.GetString(), jsonName.GetStringLength()});
-            for (const auto& [other, value] : values) {
-                if (other == &setting) {
-                    throw UsageError(std::string(setting.name) + " appears twice; remove one");
-                }
+            if (holds(values, setting)) {
+                throw UsageError(std::string(setting.name) + " appears twice; remove one");
             }
             values.emplace_back(&setting, valueFrom(setting, jsonValue));
         } catch (const UsageError& error) {
@@ -317,8 +316,6 @@ int load(const std::string& path, bool dry)
     }
     return 0;
 }
-
-// ---- concurrent mode ------------------------------------------------------------------------------------------------
 
 std::optional<Apps> appsThatAreOn(const std::string& text)
 {
@@ -345,9 +342,9 @@ int listConcurrent(bool json)
     std::vector<std::string> apps;
     if (!ZOLSystemData::GetZOLConcurrentAppList(apps)) {
         const Setting& setting = findSetting("ZOLConcurrentAppList");
-        throw Failure((read(setting) ? "the app list is not a JSON array; zolctl get ZOLConcurrentAppList shows it"
-                                     : whyNoValue(setting)) +
-                      "; zolctl concurrent enable APPID starts a new one");
+        throw Failure(read(setting) ? "the app list is not a JSON array; zolctl get ZOLConcurrentAppList shows it, and "
+                                      "zolctl concurrent enable APPID starts a new one"
+                                    : whyNoValue(setting));
     }
     if (json) {
         return printJson([&](auto& writer) { return writeArray(writer, apps); });

@@ -9,7 +9,6 @@
 
 #include "ZOLSystemData.h"
 #include "commands.h"
-#include "error.h"
 #include "output.h"
 #include "settings.h"
 

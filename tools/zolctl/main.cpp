@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "commands.h"
-#include "error.h"
 #include "output.h"
 #include "settings.h"
 
@@ -97,18 +96,18 @@ CommandLine::CommandLine()
     app_.require_subcommand(1);
     app_.fallthrough();
     app_.footer(
-        "Exit codes: 0 done; 1 something could not be read, written or shown, watch timed out, or a check failed; 2 "
-        "wrong usage; 3 the store cannot be used.\n"
-        "Colour is used on a terminal only, and not if NO_COLOR is set.\n"
+        "Exit codes: 0 done; 1 something could not be read, written or shown, watch timed out, or a check failed;\n"
+        "2 wrong usage; 3 the store cannot be used.\n"
+        "Output is coloured only on a terminal, and never when NO_COLOR is set.\n"
         "Example: zolctl set OSDLanguage en_US && zolctl get OSDLanguage");
 
-    CLI::App* const list = command(app_, "list", "Show settings; - stands for one without a value",
-                                   "Access tells what the library lets apps do. Control characters are shown as \\x0a, "
-                                   "a backslash as two; in JSON null stands for no value.\n"
+    CLI::App* const list = command(app_, "list", "Show settings and their values; - means no value",
+                                   "ACCESS is what the library lets apps do. Control characters are shown as \\x0a,\n"
+                                   "a backslash as \\\\. JSON has null for no value.\n"
                                    "Example: zolctl list --long 'db/*language'",
                                    [this] { return zolctl::list(text_, withKey_, json_); });
-    list->add_option("PATTERN", text_, "Part of a name or key; * and ? stand for any text and any character");
-    list->add_flag("--long", withKey_, "Show the keys, too");
+    list->add_option("PATTERN", text_, "Part of a name or key; * matches any text, ? any one character");
+    list->add_flag("--long", withKey_, "Also show the keys");
     jsonFlag(list);
 
     CLI::App* const get = command(app_, "get", "Print settings",
@@ -119,8 +118,8 @@ CommandLine::CommandLine()
     get->add_option("NAME", names_, kName)->required();
     jsonFlag(get, "Print a JSON object, which zolctl load takes");
 
-    command(app_, "describe", "Tell what a setting is, and how programs use it",
-            "Prints what it is, its type, access and key, the library's operations in both forms, and its value.\n"
+    command(app_, "describe", "Explain a setting, and which calls use it",
+            "Prints its meaning, type, access, key and value, and the library's calls for it in both forms.\n"
             "Example: zolctl describe OSDLanguage",
             [this] { return zolctl::describe(name_); })
         ->add_option("NAME", name_, kName)
@@ -129,36 +128,38 @@ CommandLine::CommandLine()
                          "A setting without a setter is refused; see zolctl inject.\n"
                          "Example: zolctl set ZOLActivated on",
                          [this] { return zolctl::set(name_, text_, true); }));
-    nameAndValue(command(app_, "inject", "Write one setting's key itself, as the platform does",
-                         "Works for every setting, and sends the change to whoever watches it.\n"
+    nameAndValue(command(app_, "inject", "Write one setting's key directly, as the platform does",
+                         "Works for every setting, and notifies the programs that watch it.\n"
                          "Example: zolctl inject FactoryResetCount 1",
                          [this] { return zolctl::set(name_, text_, false); }));
 
     CLI::App* const dump = command(app_, "dump", "Print all settings that have a value as one JSON object",
                                    "Example: zolctl dump > saved.json", zolctl::dump);
-    jsonFlag(dump, "Is always so");
+    jsonFlag(dump, "No effect: the output is always JSON");
 
-    CLI::App* const load = command(app_, "load", "Write the settings of a JSON object, as the platform does",
-                                   "The whole file is checked first; with one fault in it nothing is written.\n"
-                                   "Every setting in the file is written, and its watchers are told, changed or not.\n"
-                                   "Example: zolctl get OSDLanguage --json | ssh tv zolctl load -",
-                                   [this] { return zolctl::load(text_, dry_); });
+    CLI::App* const load = command(
+        app_, "load", "Write the settings of a JSON object, as the platform does",
+        "The whole file is checked first; if anything in it is wrong, nothing is written.\n"
+        "Every setting in the file is written and its watchers are notified, even if its value stays the same.\n"
+        "Example: zolctl get OSDLanguage --json | ssh tv zolctl load -",
+        [this] { return zolctl::load(text_, dry_); });
     load->add_option("FILE", text_, "The file, or - for standard input")->required();
     load->add_flag("--dry-run", dry_, "Check the file and print what would be written, as NAME=VALUE lines");
 
     addConcurrent();
     addWatch();
-    command(app_, "status", "Show whether the store can be used, and by whom it is",
-            "For both parts of the store: the folder, whether it can be used and if not why, its size, and the\n"
-            "processes that use it; and where ZOL_DLOG sends the log. Exit code 3 if a part cannot be used.\n"
+    command(app_, "status", "Show where the store is, whether it can be used, and who uses it",
+            "Prints for both parts of the store the folder, whether it can be used and if not why, its size and the\n"
+            "processes that use it; then where ZOL_DLOG sends the log. The exit code is 3 if a part cannot be used.\n"
             "Example: zolctl status",
             [this] { return zolctl::status(logTarget_); });
-    command(app_, "selftest", "Check that the platform does what the library relies on",
-            "Prints a line for each check, which begins with ok or FAIL, and ends with 0 if all hold. No setting is\n"
-            "touched: it writes keys under memory/zolctl/selftest/ and sets them back. Only one run at a time.\n"
-            "Example: zolctl selftest --timeout 10",
-            [this] { return selftest(timeout_); })
-        ->add_option("--timeout", timeout_, "Give each check that many seconds; 2 if not given")
+    command(
+        app_, "selftest", "Check that the platform does what the library relies on",
+        "Prints a line for each check, which begins with ok or FAIL. The exit code is 0 if all hold. No setting is\n"
+        "touched: it writes keys under memory/zolctl/selftest/ and restores them. Run only one at a time.\n"
+        "Example: zolctl selftest --timeout 10",
+        [this] { return selftest(timeout_); })
+        ->add_option("--timeout", timeout_, "Time limit for each check; 2 by default")
         ->check(CLI::Range(0.1, 3600.0))
         ->type_name("SECONDS");
 }
@@ -167,8 +168,8 @@ void CommandLine::nameAndValue(CLI::App* of)
 {
     of->add_option("NAME", name_, kName)->required();
     of->add_option("VALUE", text_,
-                   "Text; a whole number; or on, off, true, false, 1, 0 for a boolean.\n"
-                   "- stands for standard input, without the newline at its end.\n"
+                   "Text; a whole number; or on, off, true, false, 1 or 0 for a boolean.\n"
+                   "- reads it from standard input, without the last newline.\n"
                    "Put -- before a text that begins with a dash")
         ->required();
 }
@@ -176,10 +177,10 @@ void CommandLine::nameAndValue(CLI::App* of)
 void CommandLine::addConcurrent()
 {
     const std::string turns =
-        "Several zolctl at once take turns; an app that writes the list in the same moment can still overwrite\n"
-        "their change.\n"
+        "Several zolctl commands at once take turns. An app that writes the list at the same moment can still\n"
+        "overwrite their change.\n"
         "Example: zolctl concurrent enable app.alpha app.beta";
-    CLI::App* const concurrent = app_.add_subcommand("concurrent", "The apps in concurrent mode");
+    CLI::App* const concurrent = app_.add_subcommand("concurrent", "List, enable or disable apps in concurrent mode");
     concurrent->require_subcommand(1);
     concurrent->footer(turns);
     jsonFlag(command(*concurrent, "list", "Print the ids of the apps that are on, one a line",
@@ -197,29 +198,29 @@ void CommandLine::addConcurrent()
 void CommandLine::addWatch()
 {
     CLI::App* const watch = command(
-        app_, "watch", "Print each change as it comes",
-        "Prints the time, the name and the value. When it is ready it writes one line that begins with \"watching\"\n"
-        "to standard error. When it falls behind and changes are passed over, a line tells how many writes of any\n"
-        "setting. It ends with 0 after --count changes, the --until value, or --timeout alone; with 1 when the time\n"
-        "is over before that; and otherwise when a signal ends it, or nobody reads its output any more.\n"
+        app_, "watch", "Print changes as they happen",
+        "Prints the time, name and value of each change. When it is ready, it writes one line that begins with\n"
+        "\"watching\" to standard error. If it falls behind and misses changes, it prints how many writes, to any\n"
+        "setting, were passed over. It ends with 0 after --count changes, at the --until value, or after --timeout\n"
+        "alone; with 1 if the time runs out before the first two; else by a signal, or when its output is closed.\n"
         "Example: zolctl watch ZOLActivated --until on --timeout 10",
         [this] {
             watch_.json = json_;
             return zolctl::watch(watch_);
         });
-    watch->add_option("NAME", watch_.names, "Names of the settings; all that can be watched if none is given");
+    watch->add_option("NAME", watch_.names, "Names or keys of the settings; without one, all that can be watched");
     CLI::Option* const count = watch->add_option("--count", watch_.count, "End after that many changes")
                                    ->check(CLI::Range(1, 1000000000))
                                    ->type_name("N");
-    watch->add_flag("--initial", watch_.initial, "Print the present values first");
-    watch->add_option("--until", watch_.until, "End when the one setting has that value, also if it has it already")
+    watch->add_flag("--initial", watch_.initial, "Print the current values first");
+    watch->add_option("--until", watch_.until, "End when the one setting has that value, at once if it has it already")
         ->type_name("VALUE")
         ->excludes(count);
     watch->add_option("--timeout", watch_.timeout, "End after that many seconds")
         ->check(CLI::Range(0.001, 1e9))
         ->type_name("SECONDS");
-    watch->add_flag("--diff", watch_.diff, "Of the app list, print only which apps went on (+) and off (-)");
-    jsonFlag(watch, "Print one JSON object a line, with date and zone");
+    watch->add_flag("--diff", watch_.diff, "For the app list, print only which apps went on (+) and off (-)");
+    jsonFlag(watch, "Print one JSON object per line; the time has date and zone");
 }
 
 int CommandLine::run(std::vector<std::string> arguments)

@@ -9,24 +9,17 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "error.h"
+#include "settings.h"
 
 namespace zolctl {
 namespace {
-
-// Takes what a writer writes, and keeps nothing.
-struct Nowhere {
-    using Ch = char;
-    static void Put(char /*byte*/) {}
-    static void Flush() {}
-};
 
 // A character that JSON can hold as it is: of control characters, those from U+0080 on could steer a terminal.
 bool isPlain(const std::string& character)
 {
     const auto first = static_cast<unsigned char>(character[0]);
     const bool isControl = first < 0x20 || first == 0x7f || (first == 0xc2 && character < "\xc2\xa0");
-    return !isControl && first != '\\' && isUtf8(character);
+    return !isControl && first != '\\' && (first < 0x80 || isUtf8(character));
 }
 
 bool mayColour()
@@ -41,10 +34,10 @@ bool mayColour()
 
 bool isUtf8(const std::string& text)
 {
-    Nowhere nowhere;
-    rapidjson::Writer<Nowhere, rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator,
+    JsonBuffer buffer;
+    rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator,
                       rapidjson::kWriteValidateEncodingFlag>
-        writer(nowhere);
+        writer(buffer);
     return writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 

@@ -17,7 +17,7 @@
 #include <memory>
 #include <new>
 
-#include "error.h"
+#include "settings.h"
 
 // Only the desk platform has it.
 extern "C" [[gnu::weak]] char* vconf_desk_folder(const char* key);

@@ -27,8 +27,9 @@
 
 #include "ZOLTypedKeys.h"
 #include "commands.h"
-#include "error.h"
 #include "output.h"
+#include "platform.h"
+#include "settings.h"
 
 namespace zolctl {
 namespace {
@@ -437,7 +438,7 @@ std::string serveScratchKeys(const std::string& request)
         const auto isRefused = [](const auto& each) { return tryToWrite(each.first, each.second) != 0; };
         return std::count_if(saved.begin(), saved.end(), isRefused) == 0
                    ? ""
-                   : throw Failure("the platform refused to set back a scratch key; add -v to see why");
+                   : throw Failure("the platform refused to set back a scratch key: " + platformReason());
     }
     std::string without;
     for (const Key& key : kScratchKeys) {

@@ -10,7 +10,6 @@
 #include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
-#include "error.h"
 
 namespace zolctl {
 namespace {
@@ -21,6 +20,26 @@ using Notify = ZOLSystemDataNotify;
 
 // The library's own getter gives the apps that are on, not the text.
 bool getAppListText(std::string& value) { return getString(key::ZOLConcurrentAppList, value); }
+
+// How many letters must be added, removed or replaced to make `a` of `b`; upper and lower case are the same.
+std::size_t editDistance(const std::string& a, const std::string& b)
+{
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        row[j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t replaced = diagonal + (lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row[b.size()];
+}
 
 // A setting by what the library lets its callers do. All names are made of its own.
 // NOLINTBEGIN(cppcoreguidelines-macro-usage): only macros can join names
@@ -112,30 +131,6 @@ std::vector<std::string> Setting::access() const
     }
     return access;
 }
-
-namespace {
-
-// How many letters must be added, removed or replaced to make `a` of `b`; upper and lower case are the same.
-std::size_t editDistance(const std::string& a, const std::string& b)
-{
-    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
-    std::vector<std::size_t> row(b.size() + 1);
-    for (std::size_t j = 0; j <= b.size(); ++j) {
-        row[j] = j;
-    }
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t replaced = diagonal + (lower(a[i - 1]) == lower(b[j - 1]) ? 0 : 1);
-            diagonal = row[j];
-            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-        }
-    }
-    return row[b.size()];
-}
-
-}  // namespace
 
 std::string nearest(const std::string& word, const std::vector<std::string>& words)
 {

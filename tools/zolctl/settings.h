@@ -1,14 +1,33 @@
-// The catalogue: every setting of the TV, what it is, its key and the library's operations on it, once; and its values.
+// The catalogue: every setting of the TV, what it is, its key and the library's operations on it, once; its values; and
+// the errors.
 #ifndef ZOLCTL_SETTINGS_H
 #define ZOLCTL_SETTINGS_H
 
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <variant>
 #include <vector>
 
 namespace zolctl {
+
+constexpr int kExitFailed = 1;   // something could not be read, written or watched
+constexpr int kExitUsage = 2;    // the command line or a file is wrong
+constexpr int kExitNoStore = 3;  // the store cannot be used
+
+/// What ends the tool; the message says what to do.
+struct Error : std::runtime_error {
+    Error(const std::string& message, int code) : runtime_error(message), exitCode(code) {}
+    int exitCode;
+};
+template <int code>
+struct ErrorOf : Error {
+    explicit ErrorOf(const std::string& message) : Error(message, code) {}
+};
+using Failure = ErrorOf<kExitFailed>;
+using UsageError = ErrorOf<kExitUsage>;
+using NoStore = ErrorOf<kExitNoStore>;
 
 /// The library's operations on one setting; null where it has none.
 template <class T>

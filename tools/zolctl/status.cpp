@@ -8,7 +8,6 @@
 #include <system_error>
 
 #include "commands.h"
-#include "error.h"
 #include "output.h"
 #include "platform.h"
 #include "settings.h"
@@ -59,7 +58,7 @@ std::string usersOf(const fs::path& folder)
             users += (users.empty() ? "" : ", ") + id + " (" + escaped(name) + ")";
         }
     });
-    return users.empty() ? "none but this one" : users;
+    return users.empty() ? "only this one" : users;
 }
 
 // One half of the store: the settings whose keys begin with "memory/", or all others.
@@ -76,7 +75,7 @@ bool printHalf(const char* title, bool isVolatile)
                 withValue += read(setting) ? 1 : 0;
             }
         }
-        text += "  folder     " + (folder.empty() ? "the platform does not tell" : escaped(folder)) +
+        text += "  folder     " + (folder.empty() ? "not known on this platform" : escaped(folder)) +
                 "\n  state      can be used\n";
         if (!folder.empty()) {
             text += "  size       " + std::to_string(sizeOf(folder)) + " KiB\n  processes  " + usersOf(folder) + "\n";
@@ -93,8 +92,8 @@ bool printHalf(const char* title, bool isVolatile)
 
 int status(const std::string& logTarget)
 {
-    const bool lasting = printHalf("settings that last", false);
-    const bool inMemory = printHalf("settings under memory/, which end with the machine", true);
+    const bool lasting = printHalf("permanent settings", false);
+    const bool inMemory = printHalf("settings under memory/, lost at restart", true);
     print("log of programs\n  target     " + escaped(logTarget) + "\n");
     return lasting && inMemory ? 0 : kExitNoStore;
 }

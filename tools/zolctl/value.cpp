@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "ZOLTypedKeys.h"
-#include "error.h"
 #include "platform.h"
 
 namespace zolctl {
@@ -93,7 +92,8 @@ std::string whyNoValue(const Setting& setting)
     }
     const std::string what = other == nullptr ? "has no value" : std::string("holds ") + other + ", not its own type";
     return std::string(setting.name) + " " + what + "; write one with zolctl " +
-           (setting.writable() ? "set " : "inject ") + setting.name + " VALUE";
+           (setting.isAppList() ? "concurrent enable APPID"
+                                : (setting.writable() ? "set " : "inject ") + std::string(setting.name) + " VALUE");
 }
 
 void checkTaken(const Setting& setting, bool taken, const char* what)

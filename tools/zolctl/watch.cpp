@@ -25,7 +25,6 @@
 #include <utility>
 
 #include "commands.h"
-#include "error.h"
 #include "output.h"
 #include "platform.h"
 #include "settings.h"
@@ -135,7 +134,7 @@ struct Printer {
             const std::string number = std::to_string(event.passedOver);
             return json ? R"({"time":")" + textOf(event.time, true) + R"(","passedOver":)" + number + "}\n"
                         : textOf(event.time, false) + "  (" + number +
-                              " writes were passed over, since this watcher fell behind)\n";
+                              " writes were passed over because this watcher fell behind)\n";
         }
         if (diff && event.setting->isAppList()) {
             return diffLine(event);
