@@ -107,7 +107,6 @@ same "describe: each operation in both forms" "$(grep -oE 'ZOLSystemData[A-Za-z:
 # ---- reading and writing ----
 check "unset boolean" 1 "" "ZOLActivated has no value; write one with zolctl set ZOLActivated VALUE" get ZOLActivated
 check "unset app list" 1 "" "concurrent enable APPID" concurrent list
-check "empty dump" 0 "{}" "none of these settings has a value" dump
 sed 's/: true/: false/' "$example" | "$zolctl" load -
 for name in $(names '$2 == "boolean"'); do
     "$zolctl" inject "$name" 1
@@ -115,15 +114,13 @@ for name in $(names '$2 == "boolean"'); do
     "$zolctl" inject "$name" false
 done
 for name in $(names '$3 ~ /write/'); do check "set $name" 0 "" "" set "$name" on; done
-check "lowest" 0 "" "" inject BackgroundVolume -2147483648
 "$zolctl" load "$example" || fail "load of the example"
 same "dump gives what was loaded" "$(export ZOL_VCONF_DIR=$work/other && "$zolctl" load "$example" && "$zolctl" dump)" "$(<"$example")"
 check "get several" 0 $'OSDLanguage=en_GB\nAmbientMode=on' "" get db/menu_widget/language AmbientMode OSDLanguage
 "$zolctl" concurrent enable app.x app.y
 "$zolctl" concurrent disable org.example.alpha app.x
 check "concurrent list" 0 '["app.y"]' "" concurrent list --json
-cp "$zolctl" "$work/copy"
-for app in {1..10}; do "$zolctl" concurrent enable "app.$app" & "$work/copy" concurrent enable "copy.$app" & done && wait
+cp "$zolctl" "$work/copy" && for app in {1..10}; do "$zolctl" concurrent enable "app.$app" & "$work/copy" concurrent enable "copy.$app" & done && wait
 same "twenty at once, of two copies" "$("$zolctl" concurrent list | grep -c .)" 21
 for app in a b c; do for value in {1..25}; do "$zolctl" set OSDLanguage "$app$value" || echo "$value"; done & done >"$work/out" 2>&1 && wait
 same "three writers: refused" "$(<"$work/out")" ""
@@ -134,13 +131,10 @@ while IFS='|' read -r arguments err; do check "zolctl $arguments" 2 "" "$err" $a
 |zolctl --help
 concurrent on app.x|unknown command on; zolctl concurrent --help
 concurrent enable -x|unknown option -x; put -- before a text that begins with a dash; zolctl concurrent enable --help
-set OSDLanguage -x|unknown option -x; put -- before a text
-lsit|unknown command lsit; did you mean list?
-help gte|did you mean get?
+help gte|unknown command gte; did you mean get?
 list Xyz|no setting matches Xyz
 watch --until on|--until needs the name of one setting
 get osdlanguag|did you mean OSDLanguage?
-get Xyz|zolctl list shows
 set ModelId x|ModelId has no setter; use zolctl inject ModelId VALUE
 set ZOLActivated maybe|takes on, off
 watch TVName|these can: 
@@ -174,16 +168,13 @@ for command in "set OSDLanguage x" "set ZOLActivated on" "inject TVName x" "conc
 done
 [[ $(ZOL_VCONF_DIR=store "$zolctl" status || echo $?) == *"ZOL_VCONF_DIR must be an absolute path"*3 ]] || fail "status of an unusable store"
 
-for command in "set AovModeSetter user" "concurrent enable app.y"; do
-    (with_fault refuses $command) 2>/dev/null && fail "refused by the platform: $command"
-done
+for command in "set AovModeSetter user" "concurrent enable app.y"; do (with_fault refuses $command) 2>/dev/null && fail "refused: $command"; done
 (with_fault type get ZOLActivated) >/dev/null
 check "another type" 1 "" "TVName holds an integer, not its own type" get TVName
 
 # ---- output ----
 nasty=$'\e[2J\x07 \xc2\x9b \xc3\xbc'
 "$zolctl" inject TVName "$nasty"
-check "raw to a script" 0 "$nasty" "" get TVName
 on_terminal() { script -qec "'$zolctl' $1" /dev/null </dev/null; }
 same "escaped on a terminal" "$(on_terminal "get TVName")" '\x1b[2J\x07 \xc2\x9b '$'\xc3\xbc\r'
 [[ $(TERM=xterm on_terminal list) == *$'\e[1mNAME'* ]] || fail "colour on a terminal"
@@ -191,10 +182,9 @@ same "escaped on a terminal" "$(on_terminal "get TVName")" '\x1b[2J\x07 \xc2\x9b
 same "dump and load" "$("$zolctl" dump | "$zolctl" load - && "$zolctl" get TVName)" "$nasty"
 "$zolctl" inject TVName $'\xff'
 check "not UTF-8" 1 "{}" "TVName is not UTF-8" get TVName --json
-for command in list --help --version; do "$zolctl" $command >/dev/full 2>/dev/null && fail "full disk: $command"; done
+for command in list --help --version; do { "$zolctl" $command >/dev/full || "$zolctl" $command >&-; } 2>/dev/null && fail "full or closed: $command"; done
 for text in $'a\nb' 'a\x0ab' -; do "$zolctl" set OSDLanguage - <<<"$text" && "$zolctl" list OSDL; done >"$work/out"
 same "list: no two values look alike" "$(awk '!/^NAME/ { print $4 }' "$work/out")" $'a\\x0ab\na\\\\x0ab\n\\x2d'
-"$zolctl" list >&- 2>/dev/null && fail "closed output"
 [[ $("$zolctl" get OSDCountry -v 2>&1 >/dev/null)$(ZOL_DLOG=stderr "$zolctl" get OSDCountry 2>&1 >/dev/null) == *libZOL*libZOL* ]] || fail "the log"
 
 # ---- watch ----
@@ -232,15 +222,12 @@ end_watch "watch that falls behind" 143 TERM
 same "watch that falls behind: every change is printed or counted" 5000 \
     $(($(sed -n 's/^{"time":"[^"]*","passedOver":\([0-9]*\)}$/\1/p' "$work/out") + $(grep -c many "$work/out")))
 
-mkfifo "$work/pipe"
 start_watch 99 > >(:)
 end_watch "watch whose reader is gone" 141
-exec 3<>"$work/pipe"
-: >"$work/log"
+mkfifo "$work/pipe" && exec 3<>"$work/pipe"
 ZOL_DLOG=$work/log start_watch 99 WebAppInstall --json >"$work/pipe"
 for text in "$(printf 'x%.0s' {1..100000})" second third; do "$zolctl" inject WebAppInstall "$text"; done # more than a pipe holds
-called() { [ "$(grep -c "call cb" "$work/log")" = 3 ]; }
-until_true "watch whose reader stands still" called
+until_true "watch whose reader stands still" eval '[ "$(grep -cs "call cb" "$work/log")" = 3 ]'
 now=$(date +%Y-%m-%dT%H:%M:%S.%3N) && sleep 0.01
 timeout 30 grep -m 1 second <&3 >"$work/out"
 [[ $(cut -d'"' -f4 "$work/out") < $now~ ]] || fail "the time is that of the change, before $now: $(<"$work/out")"

@@ -48,10 +48,15 @@ struct Queue {
     std::condition_variable added;
     std::deque<Event> events;
 };
-Queue& queue = *new Queue;
+Queue& theQueue()
+{
+    static auto& queue = *new Queue;
+    return queue;
+}
 
 void push(Event event)
 {
+    Queue& queue = theQueue();
     const std::lock_guard<std::mutex> guard(queue.lock);
     queue.events.push_back(std::move(event));
     queue.added.notify_one();
@@ -59,6 +64,7 @@ void push(Event event)
 
 Event take()
 {
+    Queue& queue = theQueue();
     std::unique_lock<std::mutex> guard(queue.lock);
     queue.added.wait(guard, [&] { return !queue.events.empty(); });
     Event event = std::move(queue.events.front());
