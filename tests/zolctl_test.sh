@@ -245,8 +245,8 @@ done <<'END'
 reads|16|FAIL a boolean is read as it was written (vconf_get_bool: expected 1, came 0)
 lost|19|FAIL a handler is called once for each change of a string, in order (calls of the handler: expected first, second, second, "Grüße" 100%s\x0a, came first, second, "Grüße" 100%s\x0a)
 ignored|17|FAIL no call comes for an ended subscription, and all for another of its key (calls of the handler: expected 1, came 1, 2)
-hangs|18|FAIL a handler is called once for each change of a string, in order (a call into the platform did not return in time)
-stuck|20|zolctl: a call that reads or sets back a scratch key did not return in time
+hangs|18|FAIL a handler is called once for each change of a string, in order (a call into the platform: expected its end, came none in time)
+stuck|20|zolctl: a call that reads or sets back a scratch key: expected its end, came none in time
 END
 with_fault lost selftest --timeout 3 >"$work/out" 2>"$work/err" &
 watcher=$!

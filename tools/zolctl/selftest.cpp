@@ -88,7 +88,7 @@ public:
         std::string text(kLongest, '\0');
         const ssize_t size = inTime ? recv(socket_, text.data(), text.size(), 0) : 0;
         if (size <= 0) {
-            throw Failure(task_ + (inTime ? " ended its process" : " did not return in time"));
+            throw Failure(task_ + ": expected its end, came " + (inTime ? "that of its process" : "none in time"));
         }
         text.resize(static_cast<std::size_t>(size));
         return text[0] == '+' ? text.substr(1) : throw Failure(text.substr(1));
