@@ -25,11 +25,7 @@ using Watch = ZOLWatch;
 // A callable that notes its name and the value.
 auto noting(const std::string& name)
 {
-    return [name](const auto& value) {
-        std::ostringstream text;
-        text << std::boolalpha << name << " " << value;
-        mock::note(text.str());
-    };
+    return [=](const auto& told) { mock::note((std::ostringstream() << std::boolalpha << name << ' ' << told).str()); };
 }
 Watch language(const std::string& name) { return Watch::ZOLLanguage(noting(name)); }
 int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, value); }
@@ -150,9 +146,7 @@ TEST_F(WatchTest, OthersMayComeWhileTheLastOnesEnd)
     running.pass();
     std::thread end(&Watch::end, &last);
     lastToRun.end();
-    for (std::thread* thread : {&delivery, &end, &make, &deliver}) {
-        thread->join();
-    }
+    delivery.join(), end.join(), make.join(), deliver.join();
     mock::takeEvents();
     EXPECT_EQ(1, fire("1"));
     EXPECT_EQ(Events({"made 1"}), mock::received());
@@ -176,8 +170,7 @@ TEST_F(WatchTest, WatchesComeMoveAndGoWhileEventsCome)
     use();
 }
 
-// What a plugin leaves behind would be called by the next event, or keep it from being unloaded. This program does not
-// watch the plugin's topic, or its symbols would stand in for the plugin's.
+// What a plugin leaves behind would be called by the next event, or keep it from being unloaded.
 TEST_F(WatchTest, APluginThatEndedItsWatchesIsUnloaded)
 {
     void* const plugin = dlopen(WATCH_PLUGIN, RTLD_NOW);
