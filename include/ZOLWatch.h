@@ -237,7 +237,7 @@ private:
         };
 
         template <class Callable>
-        static ZOLWatch make(Callable && callable)
+        static ZOLWatch make(Callable callable)
         {
             static_assert(std::is_invocable_v<Callable&, const Value&>, "a watch's callable takes the topic's value");
             ZOLWatch watch;

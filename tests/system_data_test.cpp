@@ -54,7 +54,7 @@ struct Trial {
         mock::refuse("vconf_set_str");  // makes no difference
         for (const std::string& given : texts) {
             EXPECT_TRUE(set(given));
-            mock::expectEvents(writing(given.c_str()));
+            mock::expectEvents(writing(given.substr(0, given.find('\0'))));
         }
     }
     void operator()(bool (*set)(int)) const { expectWrites(set, "setInt", "vconf_set_int", {INT_MIN, 0, INT_MAX}); }

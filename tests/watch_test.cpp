@@ -66,11 +66,11 @@ TEST_F(WatchTest, ATopicTellsItsWatchesInTheOrderOfMaking)
     tryTopic(key::BackgroundVolume, -4, "-4", [](auto call) { return Watch::BackgroundVolume(call); });
     tryTopic(key::ZOLActivated, 2, "false", [](auto call) { return Watch::ZOLActivated(call); });
     EXPECT_FALSE(Watch::ZOLLanguage(std::function<void(std::string)>()));
-    struct OfPointer {       // can be assigned null, but not compared with it
-        OfPointer(void*) {}  // NOLINT(google-explicit-constructor,hicpp-explicit-conversions)
+    struct Resettable {  // can be assigned null, but not compared with it
+        Resettable& operator=(std::nullptr_t) { return *this; }
         void operator()(const std::string& /*value*/) {}
     };
-    EXPECT_TRUE(Watch::ZOLLanguage(OfPointer(nullptr)));
+    EXPECT_TRUE(Watch::ZOLLanguage(Resettable()));
 }
 
 TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
