@@ -29,7 +29,7 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// of the subscription. They return 0 when the callback is null or not registered, and when vconf refused; in the last
 /// case the callback is removed all the same.
 ///
-/// Callbacks run on the thread on which vconf delivers changes, never on the registering thread. The callbacks of a
+/// Callbacks run on the thread on which vconf delivers changes, never inside a register operation. The callbacks of a
 /// topic are called one after another, first registered first, once for every write of the key, even if the value stays
 /// the same. A string is passed by value. A boolean is true only for a stored 1. A string event without a text calls no
 /// callback.

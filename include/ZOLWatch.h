@@ -23,7 +23,7 @@
 
 #include "ZOLSystemDataNotify.h"
 
-/// A watch of one topic, made by the function of the topic's name:
+/// A watch of one topic, made by the function named after the topic:
 /// @code
 /// ZOLWatch language = ZOLWatch::ZOLLanguage([&](const std::string& value) { show(value); });
 /// if (!language) ...  // vconf refused; the log tells why
@@ -43,7 +43,8 @@
 /// again, and it is destroyed. A callable may end its own watch: that returns at once, and the callable is destroyed
 /// when it returns.
 ///
-/// A callable may make and end any watches. One made while callables of its topic run is told from the next event on.
+/// A callable may make and end watches, also its own, with the exceptions below. A watch made while callables of its
+/// topic run is called from the next event on.
 ///
 /// To avoid deadlocks, a callable, and a plain callback of the same topic, must not wait for a thread that makes or
 /// ends a watch of the topic, for example by taking a lock that this thread holds. If vconf delivers on several
@@ -51,14 +52,14 @@
 /// callbacks must not make or end watches of their topic. Each program and shared object has its own watches, so a
 /// callable must not make or end those of its topic in another shared object either.
 ///
-/// The topic is unsubscribed when its last watch ends. If that watch ends in a callable of the topic, it is
-/// unsubscribed when the next watch of the topic ends outside. A plugin must end its watches outside their callables
-/// before it is unloaded.
+/// The topic is unsubscribed when its last watch ends. If that watch ends in a callable of the topic, the topic is
+/// unsubscribed when its next watch ends outside. A plugin must end its watches outside their callables before it is
+/// unloaded.
 ///
 /// Threads: any thread may make, move and end watches, but not two threads the same object at once. A callable may run
 /// before its watch has been assigned, so an object that a callable ends and others use needs a lock: move the watch
 /// out under the lock, and end it after releasing the lock. A thread must not be cancelled while it makes or ends a
-/// watch. A child of fork() is told nothing and must not touch watches.
+/// watch. After fork() the child must not make or end watches if the parent has made any.
 class ZOLWatch {
 public:
     /// Ends the watch; without one it does nothing.
@@ -78,9 +79,9 @@ public:
                        ZOLSystemDataNotify::Unregister##name##Callback>::make(std::move(callable)); \
     }
     /// Makes a watch of the topic that ZOLSystemDataNotify has under this name.
-    /// @param callable  Takes the new value: an `int` for the three counters and BackgroundVolume, a `bool` for
-    ///                  ZOLActivated and ZOLMultipleMode, otherwise a `const std::string&`. It may return anything. It
-    ///                  is moved into the watch.
+    /// @param callable  Takes the new value: a `bool`, an `int` or a `const std::string&`, as the list below shows. It
+    /// may
+    ///                  return anything. It is moved into the watch.
     /// @{
     ZOL_WATCH_TOPIC(ZOLConcurrentAppList, std::string)
     ZOL_WATCH_TOPIC(DravixResetCount, int)

@@ -9,12 +9,12 @@ fail() { echo "FAILED: $*" && exit 1; }
 
 alone=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I. -x c++)
 for standard in 11 14 17 20; do
-    headers=(./!(ZOLWatch).h)
-    [ $standard -lt 17 ] || headers+=(ZOLWatch.h)
+    mapfile -t headers < <(ls !(ZOLWatch).h; [ $standard -lt 17 ] || echo ZOLWatch.h)
     for compiler in "$1" $(command -v clang++); do
         "$compiler" -std=c++$standard "${alone[@]}" "${headers[@]}" || fail "a header does not compile alone with $compiler, C++$standard"
     done
 done
+diff <(grep -oP 'TOPIC\(\K\w+(?=, [a-z])' ZOLWatch.h) <(grep -oP ' Register\K\w+(?=Callback\()' ZOLSystemDataNotify.h) || fail "ZOLWatch.h lacks topics"
 compile() { "$1" -std=c++17 -I. -fsyntax-only -x c++ "${@:2}"; }
 includes() { "$1" -std=c++17 -I. -M -x c++ "${@:2}"; }
 ! includes "$1" !(ZOLJson).h | grep -E 'rapidjson|vconf\.h|dlog\.h' || fail "a header includes the above"

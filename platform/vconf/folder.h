@@ -1,4 +1,4 @@
-// Where the desk store keeps its files, and whether that place can be trusted.
+// Where the desk platform's store keeps its files, and whether that place can be trusted.
 #ifndef VCONF_FOLDER_H
 #define VCONF_FOLDER_H
 

@@ -97,7 +97,8 @@ CommandLine::CommandLine()
     app_.fallthrough();
     app_.footer(
         "Exit codes: 0 done; 1 something could not be read, written or shown, watch timed out, or a check failed;\n"
-        "2 wrong usage; 3 the store cannot be used.\n"
+        "2 the command line or a file is wrong; 3 the store cannot be used.\n"
+        "zolctl help COMMAND explains a command.\n"
         "Output is coloured only on a terminal, and never when NO_COLOR is set.\n"
         "Example: zolctl set OSDLanguage en_US && zolctl get OSDLanguage");
 

@@ -157,7 +157,7 @@ const Setting& findSetting(const std::string& name)
     }
     const std::string meant = nearest(name, names);
     throw UsageError("unknown setting " + name.substr(0, 100) + "; " +
-                     (meant.empty() ? "zolctl list shows them all." : "did you mean " + meant + "?"));
+                     (meant.empty() ? "zolctl list shows them all" : "did you mean " + meant + "?"));
 }
 
 }  // namespace zolctl
