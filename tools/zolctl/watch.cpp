@@ -109,7 +109,7 @@ void subscribe(const Setting& setting)
 std::string textOf(Clock::time_point time, bool withDate)
 {
     const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
-    const std::time_t seconds = milliseconds / 1000;
+    const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
     std::tm local{};
     localtime_r(&seconds, &local);
     std::array<char, 32> text{};
