@@ -264,7 +264,7 @@ same "the scratch keys hold what they held" "$(with_fault show get ZOLActivated 
     for length in 3G "$(stat -c %s "$data")"; do
         truncate -s "$length" "$data"
         for command in "get OSDLanguage" "set OSDLanguage xx" "inject WebAppInstall xx"; do
-            check "$command, $length" 1 "" " bits; set ZOL_VCONF_DIR to another folder" -v $command
+            check "$command, $length" 3 "" " bits; set ZOL_VCONF_DIR to another folder" -v $command
         done
     done
     zolctl=${both%|*}
