@@ -117,13 +117,12 @@ private:
     // What the watches of a topic share. lock_ protects all of it. It is not held while a callable runs or is
     // destroyed, nor while the library is called, so its holder waits for nothing but changed_. The library never runs
     // a topic's callback on two threads at once.
-    class [[gnu::visibility("hidden")]] Topic
-    {
+    class __attribute__((visibility("hidden"))) Topic {
     public:
         explicit Topic(bool (*registration)(bool wanted)) : registration_(registration) {}
 
         // Moves the one element of the list to the topic's list, and returns whether the topic is subscribed.
-        bool add(List & made)
+        bool add(List& made)
         {
             std::unique_lock<std::mutex> guard(lock_);
             changed_.wait(guard, [this] { return !inLibrary_; });  // which it is while a callable runs
@@ -187,7 +186,7 @@ private:
         // Whether the caller is, at some depth, one of the topic's callables.
         bool delivering() const { return thread_ == std::this_thread::get_id(); }
 
-        void callLibrary(std::unique_lock<std::mutex> & guard, bool wanted)
+        void callLibrary(std::unique_lock<std::mutex>& guard, bool wanted)
         {
             inLibrary_ = true;
             registered_ = false;
@@ -216,8 +215,7 @@ private:
     };
 
     template <class Value, auto add, auto remove>
-    struct [[gnu::visibility("hidden")]] TopicOf
-    {
+    struct __attribute__((visibility("hidden"))) TopicOf {
         static void callback(Value value, void* /*userData*/) { topic().deliver(&value); }
         static bool registration(bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; }
         // Never destroyed, since the library may call until the process ends; not on the heap, where an unloaded

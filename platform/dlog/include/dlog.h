@@ -15,9 +15,9 @@ typedef enum { DLOG_VERBOSE = 2, DLOG_DEBUG, DLOG_INFO, DLOG_WARN, DLOG_ERROR = 
 /// @param priority  The line's priority.
 /// @param tag       The writer's name, NUL-terminated.
 /// @param format    As for printf, with its arguments. The library's formats end in a newline.
-/// @return The number of bytes written, or a negative number when the line could not be written. The library ignores
-/// it. The arguments are not kept after the call. Several threads may call at once, also in a handler of a changed key.
-/// A log line must never block or end its program.
+/// @return The number of bytes written, or a negative number on failure; the library ignores it.
+///
+/// Several threads may call at once, also in handlers. Arguments are not kept. A line must never end its program.
 ///
 /// The desk platform writes to the target that the environment variable ZOL_DLOG names at the first line: "stderr" (the
 /// default), "off", or the path of a file to append to. Lines do not mix in files opened for appending, nor elsewhere
