@@ -18,8 +18,6 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
-constexpr size_t kHeadroom = size_t{16} << 20;  // beyond that, for the writes that a full store takes
-constexpr size_t kSmall = 512;                  // bytes of such a write
 constexpr size_t kJournalSlack = 256;
 constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
 constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
@@ -169,7 +167,7 @@ void Store::openEnvironment()
 {
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
-    checked("set up", mdb_env_set_mapsize(env_, kMapSize + kHeadroom));
+    checked("set up", mdb_env_set_mapsize(env_, kMapSize));
     checked("set up", mdb_env_set_maxreaders(env_, kMaxReaders));
     // A persistent write is flushed in two steps, see write().
     const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
@@ -287,7 +285,7 @@ void Store::fail(const std::string& what, int code) const
         case ENOMEM:
             throw std::bad_alloc();
         case MDB_MAP_FULL:
-            throw Error(message + "; the store is full, set values to shorter ones");
+            throw Error(message + "; save the settings with zolctl dump, then remove the folder");
         case ENOSPC:
             throw Error(message + "; free some space there");
         case EIO:  // also where the disk took a part of what was written
@@ -376,7 +374,6 @@ void Store::write(std::string_view key, int type, std::string_view data)
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);
     uint64_t sequence = last.sequence + 1;
-    const size_t before = bytesOf(statOf(txn.get(), values_));
 
     const ValueHeader header{sequence, 0, static_cast<uint8_t>(type)};
     MDB_val name = valueOf(key);
@@ -395,14 +392,6 @@ void Store::write(std::string_view key, int type, std::string_view data)
     std::memcpy(to + sizeof entry + key.size(), data.data(), data.size());
 
     trimJournal(txn.get());
-    // Even a write that shortens a value needs new pages before it gives back old ones.
-    MDB_envinfo info{};
-    checked("inspect", mdb_env_info(env_, &info));
-    const size_t after = bytesOf(statOf(txn.get(), values_));
-    if ((after > before || data.size() > kSmall) &&
-        after + bytesOf(statOf(txn.get(), journal_)) + kHeadroom > info.me_mapsize) {
-        fail("write to", MDB_MAP_FULL);
-    }
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
