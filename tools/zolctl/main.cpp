@@ -23,17 +23,6 @@ using namespace zolctl;
 
 namespace {
 
-// With standard output closed, the store's files would be opened under its number and be written to.
-void occupyStandardFiles()
-{
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            // The wrong way round, so that using it is an error all the same.
-            open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-        }
-    }
-}
-
 // The log takes this from the environment when its first line is written. This tool's is off unless it is asked for.
 // Returns where the log of other programs goes.
 std::string chooseLog(bool verbose)
@@ -159,7 +148,12 @@ CommandLine::CommandLine()
         "Prints a line for each check, which begins with ok or FAIL. The exit code is 0 if all hold. No setting is\n"
         "touched: it writes keys under memory/zolctl/selftest/ and restores them. Run only one at a time.\n"
         "Example: zolctl selftest --timeout 10",
-        [this] { return selftest(timeout_); })
+        [this] {
+            if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {  // a socket to one of its processes would take the number
+                throw Failure("standard output is closed");
+            }
+            return selftest(timeout_);
+        })
         ->add_option("--timeout", timeout_, "Time limit for each check; 2 by default")
         ->check(CLI::Range(0.1, 3600.0))
         ->type_name("SECONDS");
@@ -283,7 +277,6 @@ int CommandLine::answer(const CLI::ParseError& error) const
 int main(int argc, char** argv)
 {
     try {
-        occupyStandardFiles();
         return CommandLine().run({argv + 1, argv + argc});
     } catch (const std::bad_alloc&) {
         (void)std::fputs("zolctl: out of memory\n", stderr);
