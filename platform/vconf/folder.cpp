@@ -160,12 +160,13 @@ void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
         if (!mine || (status.st_mode & ALLPERMS) != (S_IRUSR | S_IWUSR)) {
             fail("refused ", file,
                  mine ? "its mode is not 600; run chmod 600 on it, if nobody else can have changed it"
-                      : "it must be a regular file of your own, not hard-linked; remove the folder to start afresh");
+                      : "it must be a regular file of your own, not hard-linked; remove the folder to start from "
+                        "scratch");
         }
     }
     // The signal file comes last when a store is made, and every write comes after it.
     if (fs::exists(signal) && (!fs::exists(data) || fs::file_size(data) == 0)) {
-        fail("cannot use ", data, "it has been removed or emptied; remove the folder to start afresh");
+        fail("cannot use ", data, "it has been removed or emptied; remove the folder to start from scratch");
     }
     reserve(lock, lockSize);
     reserve(data, dataSize);

@@ -35,11 +35,6 @@ struct [[gnu::packed]] JournalHeader {
     uint16_t keySize;
 };
 
-// The database is no longer what the store wrote.
-struct Damage : Error {
-    using Error::Error;
-};
-
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
 MDB_val valueOf(uint64_t& number) { return {sizeof number, &number}; }
@@ -144,18 +139,7 @@ void Store::openFiles(int folder)
     if (!isNew) {
         openSignal(0);
     }
-    try {
-        openEnvironment();
-    } catch (const Damage&) {
-        struct stat status {};
-        if (!isNew || stat(data.c_str(), &status) != 0 || status.st_size > kNewDataSize) {
-            throw;
-        }
-        close();  // the machine failed while the store was made, and nobody has written to it yet
-        logLine("store", ("making " + data + " anew; what it was is kept as data.mdb.unusable").c_str());
-        (void)std::rename(data.c_str(), (data + ".unusable").c_str());
-        openEnvironment();
-    }
+    openEnvironment();
     if (isNew) {
         checked("write to the disk", mdb_env_sync(env_, 1));
         (void)fsync(folder);
@@ -256,7 +240,8 @@ void Store::checkDataFile(size_t toWrite) const
     }
     const size_t used = (info.me_last_pgno + 1) * stat.ms_psize;
     if (static_cast<size_t>(status.st_size) < used) {
-        throw Damage("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
+        throw Error("cannot use " + folder_ +
+                    "/data.mdb: it has been cut short; remove the folder to start from scratch");
     }
     constexpr size_t kCopies = size_t{1} << 20;
     const size_t needed = used + 2 * toWrite + used / 256 + kCopies;
@@ -291,10 +276,9 @@ void Store::fail(const std::string& what, int code) const
         case EIO:  // also where the disk took a part of what was written
             throw Error(message + "; its disk may be full");
         case MDB_VERSION_MISMATCH:
-            throw Error(message + "; remove the folder to start afresh");
         case MDB_INVALID:
         case MDB_CORRUPTED:
-            throw Damage(message + "; remove the folder to start afresh");
+            throw Error(message + "; remove the folder to start from scratch");
         default:
             throw Error(message);
     }
