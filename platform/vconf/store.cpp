@@ -156,7 +156,7 @@ void Store::openEnvironment()
     // A persistent write is flushed in two steps, see write().
     const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
-    checkDataFile(0);
+    extendDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
 }
@@ -223,31 +223,41 @@ void Store::closeSignal()
     signal_ = -1;
 }
 
-// A file that was cut short would be a bus error when a lost page is read. A page at the end that a write takes and
-// gives back is never written, so the file is first made longer than a write can make it: by the value twice, by the
-// list of free pages (8 bytes each) twice, and by copies of the tables' pages.
-void Store::checkDataFile(size_t toWrite) const
+// Reading a page beyond the end of the file would be a bus error. LMDB leaves free pages at the end unwritten, so a
+// file that is too short need not be damaged. If a page in use is missing, it reads as zeros, which are no valid page.
+void Store::extendDataFile() const
+{
+    if (dataStatus().st_size >= usedSize()) {
+        return;
+    }
+    MDB_txn* begun = nullptr;  // keeps other processes from writing, as their pages would be cut off
+    checked("write to", mdb_txn_begin(env_, nullptr, 0, &begun));
+    const WriteTransaction txn(begun);
+    int fd = -1;
+    checked("inspect", mdb_env_get_fd(env_, &fd));
+    if (dataStatus().st_size < usedSize() && ftruncate(fd, usedSize()) != 0) {
+        fail("write to", errno);
+    }
+}
+
+off_t Store::usedSize() const
 {
     MDB_envinfo info{};
     MDB_stat stat{};
     checked("inspect", mdb_env_info(env_, &info));
     checked("inspect", mdb_env_stat(env_, &stat));
+    return static_cast<off_t>(info.me_last_pgno + 1) * stat.ms_psize;
+}
+
+struct stat Store::dataStatus() const
+{
     int fd = -1;
     checked("inspect", mdb_env_get_fd(env_, &fd));
     struct stat status {};
     if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
         throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
-    const size_t used = (info.me_last_pgno + 1) * stat.ms_psize;
-    if (static_cast<size_t>(status.st_size) < used) {
-        throw Error("cannot use " + folder_ +
-                    "/data.mdb: it has been cut short; remove the folder to start from scratch");
-    }
-    constexpr size_t kCopies = size_t{1} << 20;
-    const size_t needed = used + 2 * toWrite + used / 256 + kCopies;
-    if (toWrite > 0 && static_cast<size_t>(status.st_size) < needed) {
-        checked("write to", ftruncate(fd, static_cast<off_t>(needed + kCopies)) == 0 ? 0 : errno);
-    }
+    return status;
 }
 
 std::string Store::signalPath()
@@ -303,10 +313,10 @@ bool ReadTransaction::value(std::string_view key, Record& record) const
     }
     store_.checked("read", code);
     ValueHeader header{};
-    if (stored.mv_size < sizeof header) {
+    std::memcpy(&header, stored.mv_data, std::min(sizeof header, stored.mv_size));
+    if (stored.mv_size < sizeof header || header.sequence == 0) {
         store_.fail("read", MDB_CORRUPTED);
     }
-    std::memcpy(&header, stored.mv_data, sizeof header);
     record = {header.sequence, header.type, key, textOf(stored).substr(sizeof header)};
     return true;
 }
@@ -337,7 +347,7 @@ bool Store::journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Re
     checked("read", code);
     JournalHeader header{};
     std::memcpy(&header, stored.mv_data, std::min(sizeof header, stored.mv_size));
-    if (stored.mv_size < sizeof header + header.keySize) {
+    if (stored.mv_size < sizeof header + header.keySize || header.keySize == 0) {
         fail("read", MDB_CORRUPTED);
     }
     std::memcpy(&record.sequence, number.mv_data, sizeof record.sequence);
@@ -353,7 +363,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
 {
     Use inUse = use();
     WriteTransaction txn(begin(inUse, 0));
-    checkDataFile(sizeof(ValueHeader) + data.size());
+    (void)dataStatus();  // fails if the files were removed
 
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);

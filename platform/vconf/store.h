@@ -9,6 +9,7 @@
 
 #include <dlog.h>
 #include <lmdb.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -78,7 +79,9 @@ private:
     void openTables();
     void openSignal(int flags);
     void close();
-    void checkDataFile(size_t toWrite) const;
+    void extendDataFile() const;
+    off_t usedSize() const;
+    struct stat dataStatus() const;
     bool journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Record& record) const;
     MDB_stat statOf(MDB_txn* txn, MDB_dbi table) const;
     void trimJournal(MDB_txn* txn) const;

@@ -135,7 +135,7 @@ int getNumber(const char* function, const char* key, int type, int* value)
             return -1;
         }
         if (record.data.size() != sizeof *value) {
-            throw Error("key " + std::string(name) + " is damaged; write it anew");
+            throw Error("key " + std::string(name) + " is damaged; write it again");
         }
         std::memcpy(value, record.data.data(), sizeof *value);
         return 0;
@@ -166,6 +166,9 @@ char* vconf_get_str(const char* key)
         Record record;
         if (!find(transaction, name, VCONF_TYPE_STRING, record)) {
             return nullptr;
+        }
+        if (record.data.find('\0') != std::string_view::npos) {
+            throw Error("key " + std::string(name) + " is damaged; write it again");
         }
         char* const copy = strndup(record.data.data(), record.data.size());
         if (copy == nullptr) {
