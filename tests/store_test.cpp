@@ -172,8 +172,9 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
         {"set ZOL_VCONF_DIR", "mkdir -m 702 store"},
         {"set ZOL_VCONF_DIR", "mkdir -m 720 store"},
         {"run chmod 700", "mkdir -m 700 store; mkdir -m 711 store/persistent"},
-        {"set ZOL_VCONF_DIR", "mkdir real; chown 1 real; ln -s real store"},
-        {"set ZOL_VCONF_DIR", "ln -s sound store; chown -h 1 store"},
+        {"run this program as daemon", "mkdir real; chown 1 real; ln -s real store"},
+        {"run this program as daemon", "ln -s sound store; chown -h 1 store"},
+        {"a copy of the folder", mount + "1m; cp -rp sound/persistent store; mount -o remount,ro store"},
         {"No space left", mount + "264k"},  // for the lock file and half the data file's head
         {"No space left",
          mount + "99k; mkdir -m 700 store/persistent; cp -p sound/*/[ds]* store/*; yes >store/x; true"},
@@ -189,7 +190,10 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
     for (const std::string file : {"data.mdb", "lock.mdb", "signal"}) {
         for (const std::string harm : {"chmod 640 ", "chown 1 ", "ln -t .. ", "mv -t .. ", "rm "}) {
             const std::string put = harm[0] == 'm' ? "; ln -s ../" + file : harm[0] == 'r' ? "; mkfifo " + file : "";
-            rows.emplace_back("/" + file + (harm == "chmod 640 " ? ": its mode" : ": it must be"),
+            rows.emplace_back("/" + file +
+                                  (harm == "chmod 640 "  ? ": its mode"
+                                   : harm == "ln -t .. " ? ": it is hard-linked"
+                                                         : ": it must be"),
                               copy + harm + file + put);
         }
     }
@@ -349,6 +353,18 @@ TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
         REQUIRE(finish(start([] { _exit(put("db/a", 2) ? 1 : 0); })) == shared);
         _exit(0);  // the leak checker cannot start its own process in the other namespace
     });
+}
+
+TEST_F(StoreTest, KeepsItsModesWhateverTheUmask)
+{
+    for (const mode_t mask : {0177, 0777}) {
+        inChild([mask] {
+            umask(mask);
+            REQUIRE(put("db/a", 1) && put("memory/a", 1));
+        });
+        EXPECT_TRUE(run("! find store -type d ! -perm 700 -o -type f ! -perm 600 | grep ."));
+        EXPECT_TRUE(run("rm -r store"));
+    }
 }
 
 TEST_F(StoreTest, ManyProcessesAndThreadsAtOnceOpenTheStoreAndLogWholeSafeLines)

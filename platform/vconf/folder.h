@@ -22,9 +22,13 @@ std::string findFolder(Lifetime lifetime);
 /// @throws std::runtime_error with a message for the log when one cannot be used.
 void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize);
 
-/// Sees to it that no file that is opened next gets the number of a standard file that the program has closed, which
-/// it would then read or write.
-void occupyStandardFiles();
+/// Opens a file of a store. One that it creates has mode 0600 whatever the umask is.
+/// @return its descriptor.
+/// @throws std::runtime_error with a message for the log when it cannot be opened.
+int openFile(const std::string& path, int flags);
+
+/// Makes sure that descriptors 0, 1 and 2 are in use, so that output meant for a terminal cannot end up in the store.
+void reserveStandardDescriptors();
 
 }  // namespace vconf
 

@@ -106,7 +106,7 @@ void Store::open()
     if (folder_.empty()) {
         folder_ = findFolder(lifetime_);
     }
-    occupyStandardFiles();
+    reserveStandardDescriptors();
     const int folder = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
         throw Error("cannot open " + folder_ + ": " + std::strerror(errno));
