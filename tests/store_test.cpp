@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <lmdb.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <vconf.h>
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -45,10 +47,30 @@ extern "C" ssize_t pwrite64(int fd, const void* data, size_t size, off64_t offse
 extern "C" ssize_t pwrite(int fd, const void* data, size_t n, off_t at) { return pwrite64(fd, data, n, at); }  // LMDB's
 
 static size_t mapSize = 0;  // of a smaller store, if not 0
+static std::atomic<int> openings{0};
 extern "C" int mdb_env_set_mapsize(MDB_env* env, size_t size)
 {
+    ++openings;
+    usleep(10000);  // so that threads meet here
     static const auto real = reinterpret_cast<decltype(&mdb_env_set_mapsize)>(dlsym(RTLD_NEXT, "mdb_env_set_mapsize"));
     return real(env, mapSize == 0 ? size : mapSize);
+}
+
+// Calls of this process, each counted under its name.
+static std::map<std::string, int>& calls = *new std::map<std::string, int>;
+static int countAndCall(const char* name, int fd)
+{
+    ++calls[name];
+    return reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, name))(fd);
+}
+extern "C" int fsync(int fd) { return countAndCall("fsync", fd); }
+extern "C" int fdatasync(int fd) { return countAndCall("fdatasync", fd); }
+static std::atomic<int> statusCalls{0};
+extern "C" int fstat64(int fd, struct stat64* status)
+{
+    ++statusCalls;
+    static const auto real = reinterpret_cast<decltype(&fstat64)>(dlsym(RTLD_NEXT, "fstat64"));
+    return real(fd, status);
 }
 
 namespace {
@@ -130,10 +152,21 @@ TEST_F(StoreTest, TakesEveryKeyAndTextWithinItsLimitsAndRefusesOthersWithOneLine
              mapSize = size_t{1} << 20;
              return put("db/a", "old") && !put("db/a", largest) && text("db/a") == "old";
          }},
+        {"is damaged",
+         [] {
+             const std::string data = "store/persistent/data.mdb";
+             return put("db/a", std::string(20000, 'w')) &&
+                    run("tr w '\\0' <" + data + " >x; dd if=x conv=notrunc of=" + data) && text("db/a") == "(none)";
+         }},
+        {"/none\n",
+         [] {
+             return setenv("ZOL_VCONF_DIR", (fs::current_path() / "none/store").c_str(), 1) == 0 && !put("db/a", 1);
+         }},
         {"must be an absolute path", [] { return setenv("ZOL_VCONF_DIR", "store", 1) == 0 && !put("db/a", 1); }},
         // files that are removed under a process
         {"were removed", [] { return put("db/a", 1) && run("rm -r store") && !put("db/a", 2); }},
-        {"be told", [] { return watch("db/a") && run("rm -r store") && comesTrue([] { return run("[ -s log ]"); }); }},
+        {"further changes",
+         [] { return watch("db/a") && run("rm -r store") && comesTrue([] { return run("[ -s log ]"); }); }},
     };
     for (const auto& [line, call] : refused) {
         expectLog(line, 1, [&refuses = call] { REQUIRE(refuses()); });
@@ -166,12 +199,16 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
 {
     const std::string mount = "mount --make-rprivate /; mkdir store; mount -t tmpfs none store -o mode=700,size=";
     const std::string copy = "cp -rp sound store; cd store/persistent; ";
+    const std::string lastPage =  // at its place in both heads: only the heads exist
+        std::string("for at in ") + (sizeof(void*) == 8 ? "136 4232" : "84 4180") +
+        "; do printf '\\1' | dd of=data.mdb bs=1 seek=$at conv=notrunc; done";
     // What the log says, or "" where the store works, after these commands.
     std::vector<std::pair<std::string, std::string>> rows = {
         {"is not a folder", "touch store"},
         {"set ZOL_VCONF_DIR", "mkdir -m 702 store"},
         {"set ZOL_VCONF_DIR", "mkdir -m 720 store"},
-        {"run chmod 700", "mkdir -m 700 store; mkdir -m 711 store/persistent"},
+        {"run chmod 700", "mkdir -m 700 store; mkdir -m 710 store/persistent"},
+        {"run chmod 700", "mkdir -m 700 store; mkdir -m 701 store/persistent"},
         {"run this program as daemon", "mkdir real; chown 1 real; ln -s real store"},
         {"run this program as daemon", "ln -s sound store; chown -h 1 store"},
         {"a copy of the folder", mount + "1m; cp -rp sound/persistent store; mount -o remount,ro store"},
@@ -181,6 +218,7 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
         {"removed or emptied", copy + "rm data.mdb"},
         {"from scratch", copy + "head -c 8192 /dev/zero | dd of=data.mdb conv=notrunc"},
         {"from scratch", copy + "truncate -s 9000 data.mdb"},
+        {"PAGE_NOTFOUND: Requested page not found; remove the folder to start from scratch", copy + lastPage},
         {"", copy},  // with the lock file of a process that was killed
         {"", "ln -s sound store"},
         {"", copy + "yes | head -c 300000 >lock.mdb"},
@@ -277,6 +315,31 @@ TEST_F(StoreTest, ALogThatCannotBeWrittenNeitherStopsNorEndsAProgram)
     });
 }
 
+TEST_F(StoreTest, ALogLineLeavesItsCallerAlone)
+{
+    const auto openFiles = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
+    const auto blocked = [] {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return sigismember(&mask, SIGPIPE) + sigismember(&mask, SIGXFSZ) + sigismember(&mask, SIGTTOU);
+    };
+    for (const std::string log : {"/dev/full", "stderr", "log"}) {
+        inChild([&] {
+            int pipeEnds[2];
+            int cancellation = 0;
+            setenv("ZOL_DLOG", log.c_str(), 1);
+            REQUIRE(pipe(pipeEnds) == 0 && close(pipeEnds[0]) == 0 && dup2(pipeEnds[1], STDERR_FILENO) >= 0);
+            dlog_print(DLOG_ERROR, "tag", "opens the log\n");
+            const auto before = openFiles();
+            errno = 77;
+            dlog_print(DLOG_ERROR, "tag", "line\n");
+            REQUIRE(errno == 77 && openFiles() == before && blocked() == 0);
+            REQUIRE(pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancellation) == 0);
+            REQUIRE(cancellation == PTHREAD_CANCEL_ENABLE);
+        });
+    }
+}
+
 // A value that shows a tear: its number tells its length and letters.
 std::string whole(size_t n)
 {
@@ -347,11 +410,92 @@ TEST_F(StoreTest, KilledWritersLeaveWholeValuesAndNoReaderSlots)
 
 TEST_F(StoreTest, IsNotSharedWithAnotherPidNamespace)
 {
+    inChild([] { REQUIRE(put("db/a", 1)); });  // another one than the user below, which so only locks the store
     inChild([] {
         REQUIRE(put("db/a", 1));
         const int shared = unshare(CLONE_NEWPID) == 0 ? 0 : 1;  // only where there is no right to make one
         REQUIRE(finish(start([] { _exit(put("db/a", 2) ? 1 : 0); })) == shared);
         _exit(0);  // the leak checker cannot start its own process in the other namespace
+    });
+}
+
+TEST_F(StoreTest, RefusesReplacedFilesWhileInUse)
+{
+    for (const std::string replace : {"rm lock.mdb", "cp -p data.mdb x; mv x data.mdb"}) {
+        SCOPED_TRACE(replace);
+        const Gate ready, done;
+        const pid_t user = start([&] {
+            REQUIRE(put("db/a", 1));
+            ready.open();
+            done.pass();
+        });
+        ready.pass();
+        EXPECT_TRUE(run("cd store/persistent; " + replace));
+        expectLog("end these first", 1, [] { REQUIRE(!put("db/a", 2)); });
+        done.open();
+        EXPECT_EQ(0, finish(user));
+        expectLog("", 0, [] { REQUIRE(put("db/a", 3)); });
+    }
+}
+
+TEST_F(StoreTest, ReadersDoNotWakeWatchers)
+{
+    inChild([] { REQUIRE(put("db/a", "x")); });
+    const int events = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    EXPECT_LE(0, inotify_add_watch(events, "store/persistent/signal", IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB));
+    inChild([] { REQUIRE(text("db/a") == "x"); });
+    char event[4096];
+    EXPECT_EQ(-1, read(events, event, sizeof event));
+    close(events);
+}
+
+TEST_F(StoreTest, OpensOnceForManyThreads)
+{
+    inChild([] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([] { REQUIRE(put("db/a", 1)); });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        REQUIRE(openings == 1);
+    });
+}
+
+TEST_F(StoreTest, FlushesPersistentWritesOnly)
+{
+    using Calls = std::map<std::string, int>;
+    inChild([] {
+        REQUIRE(put("db/a", 1) && calls["fsync"] == 1);  // of the new folder
+        calls.clear();
+        REQUIRE(put("db/a", 2) && calls == Calls({{"fdatasync", 2}}));
+        calls.clear();
+        REQUIRE(put("memory/a", 1) && calls["fsync"] == 1);
+        calls.clear();
+        REQUIRE(put("memory/a", 2) && calls.empty());
+    });
+}
+
+TEST_F(StoreTest, ProgramsInheritNoFiles)
+{
+    inChild([] {
+        REQUIRE(put("db/a", 1) && put("memory/a", 1) && watch("db/a") && !put("", 1));
+        REQUIRE(run("! ls -l /proc/self/fd | grep -e $PWD -e inotify"));
+    });
+}
+
+TEST_F(StoreTest, ThreadsAreNotCancelledInsideTheStore)
+{
+    inChild([] {
+        std::atomic<bool> wrote{false};
+        std::thread thread([&] {
+            pthread_cancel(pthread_self());
+            REQUIRE(put("db/a", 1));
+            wrote = true;
+        });
+        thread.join();
+        REQUIRE(wrote && put("db/a", 2));
     });
 }
 
@@ -447,6 +591,18 @@ TEST_F(StoreTest, EveryWriteIsToldOnceInOrderOrFarBehindTheNewestOfEachChangedKe
             REQUIRE(subscriber.take(expected.size()) == expected);
         });
     }
+}
+
+TEST_F(StoreTest, ALookAtTheJournalMakesNoOtherCall)
+{
+    inChild([] {
+        Subscriber subscriber;
+        REQUIRE(subscriber.follow("memory/a"));
+        const int before = statusCalls;
+        inChild([] { REQUIRE(put("memory/a", 1) && put("memory/a", 2)); });
+        REQUIRE((subscriber.take(2) == Lines{"memory/a=1", "memory/a=2"}));
+        REQUIRE(statusCalls == before);
+    });
 }
 
 TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)

@@ -22,6 +22,28 @@ constexpr size_t kBatchBytes = size_t{1} << 20;
 constexpr std::chrono::milliseconds kPauseAfterError{100};  // doubles from one error to the next,
 constexpr std::chrono::seconds kLongestPause{10};           // up to this
 
+// Sleeps until a signal file is written to, closed or removed.
+// @return whether one may have been removed.
+bool waitForSignal(int signals)
+{
+    alignas(inotify_event) char events[4096];
+    ssize_t size = 0;
+    do {
+        size = read(signals, events, sizeof events);
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) {
+        throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
+    }
+    uint32_t found = 0;
+    for (ssize_t at = 0; at < size;) {
+        inotify_event event{};
+        std::memcpy(&event, events + at, sizeof event);
+        found |= event.mask;
+        at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+    return (found & (IN_ATTRIB | IN_Q_OVERFLOW)) != 0;
+}
+
 }  // namespace
 
 Lifetime lifetimeOf(std::string_view key)
@@ -55,6 +77,9 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
         // writer was killed between its commit and its signal; the last one, of a removal.
         if (inotify_add_watch(signals_, signal.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB) < 0) {
             throw Error("cannot watch " + signal + ": " + std::strerror(errno));
+        }
+        if (store.isRemoved()) {
+            throw Error("cannot watch " + signal + ": it was removed; restart this program");
         }
     }
     const uint64_t last = ReadTransaction(store).lastSequence();
@@ -140,25 +165,35 @@ void Delivery::run()
     std::unique_lock<std::mutex> guard(lock_);
     const int signals = signals_;
     guard.unlock();
-    alignas(inotify_event) char events[4096];
+    bool mayBeRemoved = false;
     for (;;) {
         try {
+            if (mayBeRemoved) {
+                forgetRemoved();
+            }
             for (bool more = true; more;) {
                 more = false;
                 for (Half& from : halves_) {
                     more = deliverSome(from) || more;
                 }
             }
-            while (read(signals, events, sizeof events) < 0) {
-                if (errno != EINTR) {
-                    throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
-                }
-            }
+            mayBeRemoved = waitForSignal(signals);
             pause = kPauseAfterError;
         } catch (const std::exception& error) {
             logLine("delivery", error.what());
             std::this_thread::sleep_for(pause);
             pause = std::min<std::chrono::milliseconds>(pause * 2, kLongestPause);
+        }
+    }
+}
+
+void Delivery::forgetRemoved()
+{
+    const std::lock_guard<std::mutex> guard(lock_);
+    for (Half& half : halves_) {
+        if (half.store != nullptr && half.store->isRemoved()) {
+            half.store = nullptr;
+            logLine("delivery", "a folder of the store was removed; restart this program to receive further changes");
         }
     }
 }
@@ -171,11 +206,6 @@ bool Delivery::deliverSome(Half& from)
         const std::lock_guard<std::mutex> guard(lock_);
         if (from.store == nullptr) {
             return false;
-        }
-        if (from.store->isRemoved()) {
-            from.store = nullptr;
-            throw Error(
-                "a folder of the store was removed; restart this program to be told of what is written from now on");
         }
         batch = collect(from);
     }

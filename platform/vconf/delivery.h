@@ -58,6 +58,7 @@ private:
     };
 
     [[noreturn]] void run();
+    void forgetRemoved();
     bool deliverSome(Half& from);
     void deliver(const Write& write);
     Batch collect(const Half& from);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,6 +33,20 @@ struct [[gnu::packed]] JournalHeader {
     uint8_t type;
     uint16_t keySize;
 };
+
+// The content of the signal file.
+struct Users {
+    uint64_t signal;  // its first byte is written after every write
+    uint64_t pidNamespace;
+    uint64_t dataInode;
+    uint64_t lockInode;
+};
+
+uint64_t inodeOf(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
@@ -156,6 +169,7 @@ void Store::openEnvironment()
     // A persistent write is flushed in two steps, see write().
     const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
+    (void)fcntl(dataFile(), F_SETFD, FD_CLOEXEC);  // LMDB does so for its other files only
     extendDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
@@ -181,31 +195,43 @@ void Store::openTables()
     checked("open the tables of", mdb_txn_commit(txn.release()));
 }
 
-// LMDB tells processes from each other by their ids, so all must be of one PID namespace. It stands in the signal file,
-// and who uses the store holds a lock on that.
+// LMDB identifies processes by their ids, so all must be in one PID namespace. It excludes them by a mutex in the lock
+// file, so all must have the same files open, even if somebody has replaced one. The signal file holds what the present
+// users of the store agree on, and each of them holds a lock on it.
 void Store::openSignal(int flags)
 {
     const std::string path = folder_ + "/signal";
-    signal_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
-    if (signal_ < 0) {
-        throw Error("cannot open " + path + ": " + std::strerror(errno));
-    }
-    struct stat status {};
-    (void)stat("/proc/thread-self/ns/pid", &status);
-    // The first byte is what is written to; it takes its place on the disk now, so that a full one cannot keep a later
-    // signal from being given.
-    const std::array<uint64_t, 2> mine{0, status.st_ino};
-    std::array<uint64_t, 2> found{};
-    if (pread(signal_, found.data(), sizeof found, 0) != sizeof found || found[1] != mine[1]) {
+    signal_ = openFile(path, O_RDONLY | flags);
+    const Users mine{0, inodeOf("/proc/thread-self/ns/pid"), inodeOf(folder_ + "/data.mdb"),
+                     inodeOf(folder_ + "/lock.mdb")};
+    Users found{};
+    const ssize_t size = pread(signal_, &found, sizeof found, 0);
+    if (size != sizeof found || std::memcmp(&found, &mine, sizeof mine) != 0) {
         if (flock(signal_, LOCK_EX | LOCK_NB) != 0) {
-            throw Error("cannot use " + folder_ + ": it is in use from another PID namespace (a container); set " +
-                        "ZOL_VCONF_DIR to a folder of its own in each");
+            throw Error(
+                "cannot use " + folder_ + ": " +
+                (found.pidNamespace != mine.pidNamespace
+                     ? "it is in use from another PID namespace (a container); set ZOL_VCONF_DIR to a folder of "
+                       "its own in each"
+                     : "data.mdb or lock.mdb was removed or replaced while programs use it; end these first"));
         }
-        if (pwrite(signal_, mine.data(), sizeof mine, 0) != sizeof mine) {
+        // This also takes the space for the byte that every write changes, so that a full disk cannot keep it from
+        // that.
+        if (pwrite(signalForWriting(), &mine, sizeof mine, 0) != sizeof mine) {
             throw Error("cannot write to " + path + ": " + std::strerror(errno));
         }
     }
     flock(signal_, LOCK_SH);
+}
+
+// Opened at the first write only, because closing it wakes the watching processes.
+int Store::signalForWriting()
+{
+    if (signalWriter_ < 0) {
+        reserveStandardDescriptors();
+        signalWriter_ = openFile(folder_ + "/signal", O_WRONLY);
+    }
+    return signalWriter_;
 }
 
 void Store::close()
@@ -217,10 +243,12 @@ void Store::close()
 
 void Store::closeSignal()
 {
-    if (signal_ >= 0) {
-        ::close(signal_);
+    for (int* const fd : {&signal_, &signalWriter_}) {
+        if (*fd >= 0) {
+            ::close(*fd);
+        }
+        *fd = -1;
     }
-    signal_ = -1;
 }
 
 // Reading a page beyond the end of the file would be a bus error. LMDB leaves free pages at the end unwritten, so a
@@ -233,9 +261,7 @@ void Store::extendDataFile() const
     MDB_txn* begun = nullptr;  // keeps other processes from writing, as their pages would be cut off
     checked("write to", mdb_txn_begin(env_, nullptr, 0, &begun));
     const WriteTransaction txn(begun);
-    int fd = -1;
-    checked("inspect", mdb_env_get_fd(env_, &fd));
-    if (dataStatus().st_size < usedSize() && ftruncate(fd, usedSize()) != 0) {
+    if (dataStatus().st_size < usedSize() && ftruncate(dataFile(), usedSize()) != 0) {
         fail("write to", errno);
     }
 }
@@ -249,12 +275,17 @@ off_t Store::usedSize() const
     return static_cast<off_t>(info.me_last_pgno + 1) * stat.ms_psize;
 }
 
-struct stat Store::dataStatus() const
+int Store::dataFile() const
 {
     int fd = -1;
     checked("inspect", mdb_env_get_fd(env_, &fd));
+    return fd;
+}
+
+struct stat Store::dataStatus() const
+{
     struct stat status {};
-    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
+    if (fstat(dataFile(), &status) != 0 || status.st_nlink == 0) {
         throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
     return status;
@@ -288,6 +319,10 @@ void Store::fail(const std::string& what, int code) const
         case MDB_VERSION_MISMATCH:
         case MDB_INVALID:
         case MDB_CORRUPTED:
+        case MDB_PAGE_NOTFOUND:
+        case MDB_PAGE_FULL:
+        case MDB_CURSOR_FULL:
+        case MDB_INCOMPATIBLE:
             throw Error(message + "; remove the folder to start from scratch");
         default:
             throw Error(message);
@@ -363,7 +398,8 @@ void Store::write(std::string_view key, int type, std::string_view data)
 {
     Use inUse = use();
     WriteTransaction txn(begin(inUse, 0));
-    (void)dataStatus();  // fails if the files were removed
+    (void)dataStatus();                     // fails if the files were removed
+    const int signal = signalForWriting();  // LMDB lets one thread at a time come here
 
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);
@@ -389,7 +425,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     checked("write to", mdb_txn_commit(txn.release()));
 
     // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
-    if (pwrite(signal_, "", 1, 0) != 1) {
+    if (pwrite(signal, "", 1, 0) != 1) {
         const int other = ::open((folder_ + "/signal").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
         if (other >= 0) {
             ::close(other);  // wakes the watchers, too

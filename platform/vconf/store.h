@@ -58,8 +58,8 @@ public:
     /// Stores a value and journals the write, both or neither. A persistent value is on disk after that.
     void write(std::string_view key, int type, std::string_view data);
 
-    /// The file that is written to after every write. A process that has it open for writing and ends, whichever way,
-    /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
+    /// The file that is written to after every write. When a writer dies, the kernel closes its descriptor and inotify
+    /// reports that. So watchers notice a write even if its writer was killed before it could signal.
     std::string signalPath();
 
     /// Whether the folder was removed; what is open then is nobody else's any more.
@@ -78,9 +78,11 @@ private:
     void openEnvironment();
     void openTables();
     void openSignal(int flags);
+    int signalForWriting();
     void close();
     void extendDataFile() const;
     off_t usedSize() const;
+    int dataFile() const;
     struct stat dataStatus() const;
     bool journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Record& record) const;
     MDB_stat statOf(MDB_txn* txn, MDB_dbi table) const;
@@ -94,7 +96,8 @@ private:
     MDB_env* env_ = nullptr;
     MDB_dbi values_ = 0;
     MDB_dbi journal_ = 0;
-    int signal_ = -1;
+    int signal_ = -1;        // for reading, with a lock
+    int signalWriter_ = -1;  // set and used in a write transaction
 };
 
 /// A snapshot for reading. At most one may be open in a thread.
