@@ -631,7 +631,7 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
 TEST_F(StoreTest, AFailureOfTheDiskOrOfAHandlerIsLoggedAndTheNextWriteIsTold)
 {
     // after the handler's end and the write itself
-    expectLog("anew, since a write was broken off", 3, [] {
+    expectLog("again, because a write failed", 3, [] {
         Subscriber subscriber;
         const auto ending = [](keynode_t* node, void* data) {
             Subscriber::handler(node, data);

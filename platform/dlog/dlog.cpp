@@ -41,7 +41,7 @@ int openFile(const char* path, int flags)
     if (low > STDERR_FILENO || low < 0) {
         return low;
     }
-    const int fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // or programs would take it for a standard file
+    const int fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // 0 to 2 belong to the program
     close(low);
     return fd;
 }
@@ -209,7 +209,7 @@ int print(int fd, log_priority priority, const char* tag, const char* format, va
         line += '\n';
         const size_t size = line.size();
         before = lost.exchange(0);
-        if (before > 0) {  // of the last one a part may stand there
+        if (before > 0) {  // the last one may have been written in part
             line.insert(0, "\nW/DLOG" + from + std::to_string(before) + " lines lost\n");
         }
         if (writeLine(fd, line, before == 0)) {

@@ -40,15 +40,15 @@ fs::path absolute(const std::string& text, const char* variable)
     return path;
 }
 
-// A volatile store is never synced, so a crash of the machine may damage it: each start of the machine has its own
-// folder. Older ones stay, since a container may have another boot id and use the same place.
+// A volatile store is never flushed, so a crash of the machine may damage it. Therefore each boot has a folder of its
+// own. Older ones stay, because a container may have another boot id and use the same place.
 std::string thisBoot()
 {
     constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
     std::string id;
     std::ifstream(kSource) >> id;
     if (id.size() != 36) {  // a UUID
-        fail("cannot tell this start of the machine from others: cannot read ", kSource, "mount /proc");
+        fail("cannot name the folder of the volatile store: cannot read ", kSource, "mount /proc");
     }
     return "volatile-" + id;
 }
@@ -93,7 +93,7 @@ void create(const fs::path& folder)
     }
 }
 
-// A link is as good as its owner: one that another user has planted leads where that user wants.
+// A link that another user planted leads where that user wants, so its owner is checked, too.
 void check(const fs::path& folder, mode_t refused, const std::string& advice)
 {
     struct stat link {};
@@ -230,7 +230,7 @@ void reserveStandardDescriptors()
 {
     int fd = -1;
     do {
-        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as before
+        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as with a closed one
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
         close(fd);

@@ -18,8 +18,8 @@ namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
 constexpr size_t kJournalSlack = 256;
-constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
-constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
+constexpr unsigned kMaxReaders = 4096;                    // a thread that has read keeps one until it ends
+constexpr off_t kNewDataSize = 16384;                     // both meta pages, the tables' page, and one to spare
 constexpr off_t kLockSize = off_t{kMaxReaders + 4} * 64;  // a cache line a reader, and LMDB's locks
 
 struct [[gnu::packed]] ValueHeader {
@@ -60,7 +60,7 @@ size_t bytesOf(const MDB_stat& table)
 
 void closeFolder(const int* folder)
 {
-    flock(*folder, LOCK_UN);  // also where a child that another thread forked meanwhile has it open, too
+    flock(*folder, LOCK_UN);  // even if a child that another thread forked meanwhile has it open
     close(*folder);
 }
 
@@ -99,7 +99,7 @@ MDB_txn* Store::begin(Use& use, unsigned flags)
         {
             const std::lock_guard<std::shared_mutex> alone(lock_);
             if (env_ == broken) {  // cppcheck-suppress knownConditionTrueFalse ; the same
-                logLine("store", ("opening " + folder_ + " anew, since a write was broken off").c_str());
+                logLine("store", ("opening " + folder_ + " again, because a write failed").c_str());
                 close();
             }
         }
@@ -125,8 +125,8 @@ void Store::open()
         throw Error("cannot open " + folder_ + ": " + std::strerror(errno));
     }
     const std::unique_ptr<const int, decltype(&closeFolder)> closes(&folder, closeFolder);
-    // One process at a time: another one that LMDB opens the lock file for takes it to be set up, even if this one is
-    // killed before that.
+    // Only one process at a time may open the store. If a process dies while LMDB is setting up the lock file, the next
+    // one would assume that the file is complete.
     while (flock(folder, LOCK_EX) != 0 && errno == EINTR) {
     }
     try {
@@ -137,14 +137,14 @@ void Store::open()
     }
 }
 
-// The signal file comes last when a store is made, after all else is on the disk.
+// The signal file is created last, after all else is on disk.
 void Store::openFiles(int folder)
 {
     const std::string data = folder_ + "/data.mdb";
     prepareFiles(folder_, kNewDataSize, kLockSize);
     std::string head(20, '\0');
     std::ifstream(data).read(head.data(), 20);
-    if (head.compare(20 - sizeof(void*), 4, "\xDE\xC0\xEF\xBE") == 0) {  // where LMDB marks a file of the other size
+    if (head.compare(20 - sizeof(void*), 4, "\xDE\xC0\xEF\xBE") == 0) {  // LMDB's mark in a file of the other size
         throw Error("cannot use " + folder_ + ": it was made by a program of " + (sizeof(void*) == 8 ? "32" : "64") +
                     " bits; set ZOL_VCONF_DIR to another folder for programs of this size");
     }
@@ -424,7 +424,7 @@ void Store::write(std::string_view key, int type, std::string_view data)
     trimJournal(txn.get());
     checked("write to", mdb_txn_commit(txn.release()));
 
-    // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
+    // After the commit, because a process that wakes up must find the write. It changes a byte that is already there.
     if (pwrite(signal, "", 1, 0) != 1) {
         const int other = ::open((folder_ + "/signal").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
         if (other >= 0) {
@@ -432,8 +432,8 @@ void Store::write(std::string_view key, int type, std::string_view data)
         }
     }
     if (lifetime_ == Lifetime::Persistent) {
-        // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
-        // should the machine fail meanwhile, they fail with it.
+        // The commit has flushed all but the page that makes it current. Other processes need not wait for that one: if
+        // the machine fails meanwhile, they fail with it.
         checked("write to the disk", mdb_env_sync(env_, 1));
     }
 }
@@ -445,7 +445,7 @@ MDB_stat Store::statOf(MDB_txn* txn, MDB_dbi table) const
     return stat;
 }
 
-// Many at a time and seldom, since every write that removes some has more pages to write.
+// Many at a time and seldom, because a write that removes entries has more pages to write.
 void Store::trimJournal(MDB_txn* txn) const
 {
     size_t most = kJournalWrites + kJournalSlack;

@@ -82,7 +82,7 @@ void onChange(Type value, void* setting)
 // can tell of no more changes.
 void onPlatformLog(const std::string& line)
 {
-    const std::size_t end = line.find(" writes are passed over");
+    const std::size_t end = line.find(" writes were dropped");
     if (end != std::string::npos) {
         const std::size_t space = line.rfind(' ', end - 1);
         push({Clock::now(), nullptr, {}, std::strtoull(&line[space + 1], nullptr, 10)});
