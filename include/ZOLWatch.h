@@ -21,6 +21,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "ZOLSettings.h"
 #include "ZOLSystemDataNotify.h"
 
 /// A watch of one topic, made by the function named after the topic:
@@ -70,7 +71,7 @@ public:
 
 // Hidden here and below, so that every program and shared object has its own topics: shared symbols would keep a plugin
 // from being unloaded, and mix versions of this header.
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the operations of a topic are named after it
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): the operations of a topic are named after it
 #define ZOL_WATCH_TOPIC(name, Value)                                                                \
     template <class Callable>                                                                       \
     [[nodiscard, gnu::visibility("hidden")]] static ZOLWatch name(Callable callable)                \
@@ -78,25 +79,26 @@ public:
         return TopicOf<Value, ZOLSystemDataNotify::Register##name##Callback,                        \
                        ZOLSystemDataNotify::Unregister##name##Callback>::make(std::move(callable)); \
     }
-    /// Makes a watch of the topic that ZOLSystemDataNotify has under this name.
-    /// @param callable  Takes the new value: a `bool`, an `int` or a `const std::string&`, as the list below shows. It
-    /// may
+#define ZOL_WATCH_VALUE_BOOL bool
+#define ZOL_WATCH_VALUE_INT int
+#define ZOL_WATCH_VALUE_STRING std::string
+#define ZOL_WATCH_ROW_WATCH(name, Value) ZOL_WATCH_TOPIC(name, Value)
+#define ZOL_WATCH_ROW_(name, Value)
+#define ZOL_WATCH_ROW(name, type, read, write, watch, key, description) \
+    ZOL_WATCH_ROW_##watch(name, ZOL_WATCH_VALUE_##type)
+    // NOLINTEND(cppcoreguidelines-macro-usage)
+    /// Makes a watch of a topic. ZOLSettings.h lists the topics: its rows that have WATCH.
+    /// @param callable  Takes the new value: a `bool`, an `int` or a `const std::string&`, by the row's type. It may
     ///                  return anything. It is moved into the watch.
     /// @{
-    ZOL_WATCH_TOPIC(ZOLConcurrentAppList, std::string)
-    ZOL_WATCH_TOPIC(DravixResetCount, int)
-    ZOL_WATCH_TOPIC(ServiceResetCount, int)
-    ZOL_WATCH_TOPIC(FactoryResetCount, int)
-    ZOL_WATCH_TOPIC(WebAppUninstall, std::string)
-    ZOL_WATCH_TOPIC(WebAppInstall, std::string)
-    ZOL_WATCH_TOPIC(OSDCountry, std::string)
-    ZOL_WATCH_TOPIC(BackgroundVolume, int)
-    ZOL_WATCH_TOPIC(ZOLSituationalHintSupported, std::string)
-    ZOL_WATCH_TOPIC(ZOLLanguage, std::string)
-    ZOL_WATCH_TOPIC(ZOLDefaultAssistantAppid, std::string)
-    ZOL_WATCH_TOPIC(ZOLActivated, bool)
-    ZOL_WATCH_TOPIC(ZOLMultipleMode, bool)
+    ZOL_SETTINGS(ZOL_WATCH_ROW)
     /// @}
+#undef ZOL_WATCH_ROW
+#undef ZOL_WATCH_ROW_
+#undef ZOL_WATCH_ROW_WATCH
+#undef ZOL_WATCH_VALUE_STRING
+#undef ZOL_WATCH_VALUE_INT
+#undef ZOL_WATCH_VALUE_BOOL
 #undef ZOL_WATCH_TOPIC
 
 private:

@@ -21,6 +21,7 @@
 
 #include "ZOLConcurrentMode.h"
 #include "ZOLJson.h"
+#include "ZOLSettings.h"
 #include "ZOLTypedKeys.h"
 #include "ZOLVconfKeys.h"
 #include "log.h"
@@ -111,65 +112,30 @@ bool getBool(const char* key)
 
 // ---- accessors ------------------------------------------------------------------------------------------------------
 
-// Strings that can be read and written
-bool ZOLSystemData::GetAovModeSetter(std::string& value) { return getString(key::AovModeSetter, value); }
-bool ZOLSystemData::SetAovModeSetter(std::string value) { return setString(key::AovModeSetter, std::move(value)); }
-bool ZOLSystemData::GetOSDLanguage(std::string& value) { return getString(key::OSDLanguage, value); }
-bool ZOLSystemData::SetOSDLanguage(std::string value) { return setString(key::OSDLanguage, std::move(value)); }
-bool ZOLSystemData::GetAssistantFarField(std::string& value) { return getString(key::AssistantFarField, value); }
-bool ZOLSystemData::SetAssistantFarField(std::string value)
-{
-    return setString(key::AssistantFarField, std::move(value));
-}
-bool ZOLSystemData::GetZOLSituationalHintSupported(std::string& value)
-{
-    return getString(key::ZOLSituationalHintSupported, value);
-}
-bool ZOLSystemData::SetZOLSituationalHintSupported(std::string value)
-{
-    return setString(key::ZOLSituationalHintSupported, std::move(value));
-}
-bool ZOLSystemData::GetZOLLanguage(std::string& value) { return getString(key::ZOLLanguage, value); }
-bool ZOLSystemData::SetZOLLanguage(std::string value) { return setString(key::ZOLLanguage, std::move(value)); }
-bool ZOLSystemData::GetZOLDefaultAssistantAppid(std::string& value)
-{
-    return getString(key::ZOLDefaultAssistantAppid, value);
-}
-bool ZOLSystemData::SetZOLDefaultAssistantAppid(std::string value)
-{
-    return setString(key::ZOLDefaultAssistantAppid, std::move(value));
-}
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): the accessors are named after their setting
+#define GETTER_STRING(name) \
+    bool ZOLSystemData::Get##name(std::string& value) { return getString(key::name, value); }
+#define GETTER_INT(name) \
+    bool ZOLSystemData::Get##name(int& value) { return getInt(key::name, value); }
+#define GETTER_BOOL(name) \
+    bool ZOLSystemData::Get##name() { return getBool(key::name); }
+#define IS_GETTER(name) \
+    bool ZOLSystemData::Is##name() { return getBool(key::name); }
+#define SETTER_STRING(name) \
+    bool ZOLSystemData::Set##name(std::string value) { return setString(key::name, std::move(value)); }
+#define SETTER_BOOL(name) \
+    bool ZOLSystemData::Set##name(bool value) { return setBool(key::name, value); }
 
-// Strings that can only be read
-bool ZOLSystemData::GetWebAppUninstall(std::string& value) { return getString(key::WebAppUninstall, value); }
-bool ZOLSystemData::GetWebAppInstall(std::string& value) { return getString(key::WebAppInstall, value); }
-bool ZOLSystemData::GetMultiViewMode(std::string& value) { return getString(key::MultiViewMode, value); }
-bool ZOLSystemData::GetModelId(std::string& value) { return getString(key::ModelId, value); }
-bool ZOLSystemData::GetTVName(std::string& value) { return getString(key::TVName, value); }
-bool ZOLSystemData::GetOSDCountry(std::string& value) { return getString(key::OSDCountry, value); }
-
-// The integer
-bool ZOLSystemData::GetBackgroundVolume(int& value) { return getInt(key::BackgroundVolume, value); }
-
-// Switches that can be read and written; the Is and Get forms are the same
-bool ZOLSystemData::SetZOLActivated(bool value) { return setBool(key::ZOLActivated, value); }
-bool ZOLSystemData::GetZOLActivated() { return getBool(key::ZOLActivated); }
-bool ZOLSystemData::IsZOLActivated() { return getBool(key::ZOLActivated); }
-bool ZOLSystemData::SetZOLMultipleMode(bool value) { return setBool(key::ZOLMultipleMode, value); }
-bool ZOLSystemData::GetZOLMultipleMode() { return getBool(key::ZOLMultipleMode); }
-bool ZOLSystemData::IsZOLMultipleMode() { return getBool(key::ZOLMultipleMode); }
-
-// Switches that can only be read
-bool ZOLSystemData::GetPowerOffStatus() { return getBool(key::PowerOffStatus); }
-bool ZOLSystemData::GetMultiOutputAudio() { return getBool(key::MultiOutputAudio); }
-bool ZOLSystemData::GetAccessibilityVoiceGuide() { return getBool(key::AccessibilityVoiceGuide); }
-bool ZOLSystemData::GetAccessibilityAudioDescription() { return getBool(key::AccessibilityAudioDescription); }
-bool ZOLSystemData::GetAccessibilityHighContrast() { return getBool(key::AccessibilityHighContrast); }
-bool ZOLSystemData::GetAccessibilityGrayScale() { return getBool(key::AccessibilityGrayScale); }
-bool ZOLSystemData::GetAccessibilityEnlarge() { return getBool(key::AccessibilityEnlarge); }
-bool ZOLSystemData::GetAccessibilityColorInversion() { return getBool(key::AccessibilityColorInversion); }
-bool ZOLSystemData::GetArtAppStatus() { return getBool(key::ArtAppStatus); }
-bool ZOLSystemData::GetAmbientMode() { return getBool(key::AmbientMode); }
+#define GETTERS_READ(name, type) GETTER_##type(name)
+#define GETTERS_READ_IS(name, type) GETTER_##type(name) IS_GETTER(name)
+#define GETTERS_READ_LIST(name, type)  // below
+#define GETTERS_(name, type)
+#define SETTERS_WRITE(name, type) SETTER_##type(name)
+#define SETTERS_(name, type)
+#define ACCESSORS(name, type, read, write, watch, key, description) \
+    GETTERS_##read(name, type) SETTERS_##write(name, type)
+// NOLINTEND(cppcoreguidelines-macro-usage)
+ZOL_SETTINGS(ACCESSORS)
 
 // ---- concurrent-mode app list ---------------------------------------------------------------------------------------
 

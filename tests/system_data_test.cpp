@@ -155,6 +155,24 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
     tryAll("db/setting/ambient_mode", BOTH(GetAmbientMode));
 }
 
+// A foreign function interface declares a string passed by value as the reference that it is to the compiler.
+TEST(SystemData, FlatFunctionsLeaveTheirStringUnchanged)
+{
+    using Declared = bool (*)(std::string);
+    const Declared functions[] = {ZOLSystemDataSetAovModeSetter,        ZOLSystemDataSetOSDLanguage,
+                                  ZOLSystemDataSetAssistantFarField,    ZOLSystemDataSetZOLSituationalHintSupported,
+                                  ZOLSystemDataSetZOLLanguage,          ZOLSystemDataSetZOLDefaultAssistantAppid,
+                                  ZOLSystemDataEnableZOLConcurrentMode, ZOLSystemDataDisableZOLConcurrentMode};
+    const std::string text(100, 'x');
+    for (const Declared function : functions) {
+        std::string given = text;
+        void* const symbol = reinterpret_cast<void*>(function);
+        reinterpret_cast<bool (*)(std::string&)>(symbol)(given);
+        EXPECT_EQ(text, given);
+    }
+    mock::reset();
+}
+
 // tests/fuzz tries more lists.
 TEST(ConcurrentMode, ListsAndChangesTheAppsInEveryForm)
 {
