@@ -10,9 +10,12 @@
 
 /// The keys. Each has the name of its setting: `ZOLVconfKey::OSDLanguage` is "db/menu_widget/language".
 namespace ZOLVconfKey {
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): a constant is named after its setting
+// NOLINTNEXTLINE(bugprone-macro-parentheses): an array takes no parentheses
 #define ZOL_VCONF_KEY(name, type, read, write, watch, key, description) constexpr char name[] = key;
+/// The setting's key.
+/// @{
 ZOL_SETTINGS(ZOL_VCONF_KEY)
+/// @}
 #undef ZOL_VCONF_KEY
 }  // namespace ZOLVconfKey
 

@@ -105,7 +105,6 @@ bool getBool(const char* key)
 
 // ---- accessors ------------------------------------------------------------------------------------------------------
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the accessors are named after their setting
 #define GETTER_STRING(name) \
     bool ZOLSystemData::Get##name(std::string& value) { return getString(key::name, value); }
 #define GETTER_INT(name) \
@@ -127,7 +126,6 @@ bool getBool(const char* key)
 #define SETTERS_(name, type)
 #define ACCESSORS(name, type, read, write, watch, key, description) \
     GETTERS_##read(name, type) SETTERS_##write(name, type)
-// NOLINTEND(cppcoreguidelines-macro-usage)
 ZOL_SETTINGS(ACCESSORS)
 
 // ---- concurrent-mode app list ---------------------------------------------------------------------------------------

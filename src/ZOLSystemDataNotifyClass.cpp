@@ -23,11 +23,9 @@ struct TopicRow {
 };
 
 // In the order of zol::Topic.
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the operations are named after their setting
 #define ROW_WATCH(name, type, key) {key, DATA_TYPE_##type, "Register" #name "Callback", "Unregister" #name "Callback"},
 #define ROW_(name, type, key)
 #define ROW(name, type, read, write, watch, key, description) ROW_##watch(name, type, key)
-// NOLINTEND(cppcoreguidelines-macro-usage)
 constexpr TopicRow kTopics[] = {ZOL_SETTINGS(ROW)};
 #undef ROW
 #undef ROW_
@@ -123,7 +121,6 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
     return watcher == nullptr ? 0 : watcher->UnregisterCallback(callback);
 }
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the operations are named after their setting
 #define CALLBACK_BOOL ZOLBoolCallback
 #define CALLBACK_INT ZOLIntCallback
 #define CALLBACK_STRING ZOLStringCallback
@@ -138,5 +135,4 @@ int __unRegisterVconfCallback(VconfCallbackGenerator* watcher, void* callback, s
     }
 #define OPERATIONS_(name, type)
 #define OPERATIONS(name, type, read, write, watch, key, description) OPERATIONS_##watch(name, type)
-// NOLINTEND(cppcoreguidelines-macro-usage)
 ZOL_SETTINGS(OPERATIONS)

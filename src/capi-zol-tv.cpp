@@ -9,7 +9,6 @@
 #include "ZOLSystemData.h"
 #include "ZOLSystemDataNotify.h"
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the functions are named after their setting
 // A function that the header does not declare as `extern "C"` with the type of the class operation does not compile.
 #define DECLARED(class_name, operation) \
     static_assert(std::is_same_v<decltype(&class_name##operation), decltype(&class_name::operation)>)
@@ -57,7 +56,7 @@
 #define WATCHERS_(name, type)
 #define FLAT(name, type, read, write, watch, key, description) \
     GETTERS_##read(name, type) SETTERS_##write(name, type) WATCHERS_##watch(name, type)
-// NOLINTEND(cppcoreguidelines-macro-usage)
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature takes strings by value
 ZOL_SETTINGS(FLAT)
 
 // NOLINTBEGIN(performance-unnecessary-value-param): the exported signature takes it by value

@@ -117,7 +117,6 @@ TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
     const Kind text = {2, {{"[]", "[]"}, {"", ""}}};
     const Kind number = {1, {{-5, "-5"}}};
     const Kind toggle = {0, {{1, "true"}, {0, "false"}, {2, "false"}}};
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one topic.
 #define TOPIC(kind, name, key)                                                  \
     watchTopic(kind, #name, key, ZOLSystemDataNotify::Register##name##Callback, \
                ZOLSystemDataNotify::Unregister##name##Callback);                \

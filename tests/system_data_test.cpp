@@ -117,7 +117,6 @@ void tryAll(const char* key, Forms... forms)
 TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
 {
     static constexpr char kAny[] = "any/%s%n/key";
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one operation.
 #define BOTH(name) ZOLSystemData::name, ZOLSystemData##name
     tryAll(kAny, [](std::string& value) { return getString(kAny, value); });
     tryAll(kAny, [](std::string value) { return setString(kAny, std::move(value)); });

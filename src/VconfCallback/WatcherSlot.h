@@ -38,7 +38,6 @@
 
 namespace zol {
 
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): an enumerator is named after its setting
 #define TOPIC_WATCH(name) name,
 #define TOPIC_(name)
 #define TOPIC(name, type, read, write, watch, key, description) TOPIC_##watch(name)

@@ -44,7 +44,6 @@ std::size_t editDistance(const std::string& a, const std::string& b)
 
 }  // namespace
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the operations are named after their setting
 #define TYPE_BOOL bool
 #define TYPE_INT int
 #define TYPE_STRING std::string
@@ -59,7 +58,6 @@ std::size_t editDistance(const std::string& a, const std::string& b)
 #define SETTING(name, type, read, write, watch, key, description) \
     Setting{#name, key, description,                              \
             Operations<TYPE_##type>{GETTER_##read(name), SETTER_##write(name), WATCHER_##watch(name)}},
-// NOLINTEND(cppcoreguidelines-macro-usage)
 
 const std::vector<Setting>& allSettings()
 {
