@@ -1,7 +1,7 @@
 #!/bin/bash
 # The public headers: header_test.sh COMPILER SOURCE_DIR
 # Each compiles alone under every standard a caller may use (the watches need C++17), also with clang. Only the JSON header
-# needs RapidJSON, also one in another namespace. A std::string of another layout gives one clear line.
+# needs RapidJSON, also one in another namespace. What a header cannot work with gives one clear error.
 set -euo pipefail
 shopt -s extglob
 cd "$2/include"
@@ -21,5 +21,12 @@ includes() { "$1" -std=c++17 -I. -M -x c++ "${@:2}"; }
 ! includes "$1" ZOLJson.h | grep -E 'vconf\.h|dlog\.h' || fail "a header includes the above"
 compile "$1" ZOLJson.h -DRAPIDJSON_NAMESPACE=own -D'RAPIDJSON_NAMESPACE_BEGIN=namespace own {' -DRAPIDJSON_NAMESPACE_END='}' ||
     fail "the JSON header needs RapidJSON's own namespace"
-errors=$(compile "$1" capi-zol-tv.h -D_GLIBCXX_USE_CXX11_ABI=0 2>&1 | grep error: || true)
-[[ $errors == *"std::string of C++11"* && $errors != *$'\n'* ]] || fail "another std::string gives: $errors"
+# one_error COMPILER HEADER FLAG TEXT
+one_error() {
+    local errors
+    errors=$(compile "$1" "$2" "$3" 2>&1 | grep error: || true)
+    [[ $errors == *"$4"* && $errors != *$'\n'* ]] || fail "$2 with $3 gives: $errors"
+}
+one_error "$1" capi-zol-tv.h -D_GLIBCXX_USE_CXX11_ABI=0 "std::string of C++11"
+one_error "$1" ZOLWatch.h -fno-exceptions "needs exceptions"
+one_error "$1" ZOLWatch.h -std=c++14 "needs C++17"
