@@ -1,7 +1,7 @@
 #!/bin/bash
 # The public headers: header_test.sh COMPILER SOURCE_DIR
 # Each compiles alone under every standard a caller may use (the watches need C++17), also with clang. Only the JSON header
-# needs RapidJSON, also one in another namespace. Types of another layout give one clear error.
+# needs RapidJSON, also one in another namespace. What a header cannot work with gives one clear error.
 set -euo pipefail
 shopt -s extglob
 cd "$2/include"
@@ -14,10 +14,9 @@ for standard in 11 14 17 20; do
         "$compiler" -std=c++$standard "${alone[@]}" "${headers[@]}" || fail "a header does not compile alone with $compiler, C++$standard"
     done
 done
-COMPILER=$1
 
 # README.md's table of settings is the catalogue.
-catalogue=$("$COMPILER" -E -P -I. -x c++ - <<'END' | tr ';' '\n' | awk 'NF {
+catalogue=$("$1" -E -P -I. -x c++ - <<'END' | tr ';' '\n' | awk 'NF {
     type["STRING"] = "string"; type["INT"] = "integer"; type["BOOL"] = "boolean"
     access = ""
     for (i = 3; i < NF; ++i) {
@@ -41,14 +40,16 @@ includes() { "$1" -std=c++17 -I. -M -x c++ "${@:2}"; }
 compile "$1" ZOLJson.h -DRAPIDJSON_NAMESPACE=own -D'RAPIDJSON_NAMESPACE_BEGIN=namespace own {' -DRAPIDJSON_NAMESPACE_END='}' ||
     fail "the JSON header needs RapidJSON's own namespace"
 
-# one_error TEXT ARGUMENT...: compiling the flat functions with the arguments gives one error, which says that text.
+# one_error COMPILER HEADER FLAG TEXT: compiling the header with the flag gives one error, which contains the text.
 one_error() {
     local errors
-    errors=$(compile "$COMPILER" capi-zol-tv.h "${@:2}" 2>&1 | grep error: || true)
-    [[ $errors == *"$1"* && $errors != *$'\n'* ]] || fail "${*:2} gives: $errors"
+    errors=$(compile "$1" "$2" "$3" 2>&1 | grep error: || true)
+    [[ $errors == *"$4"* && $errors != *$'\n'* ]] || fail "$2 with $3 gives: $errors"
 }
-one_error "std::string of C++11" -D_GLIBCXX_USE_CXX11_ABI=0
-one_error "without -D_GLIBCXX_DEBUG" -D_GLIBCXX_DEBUG
+one_error "$1" capi-zol-tv.h -D_GLIBCXX_USE_CXX11_ABI=0 "std::string of C++11"
+one_error "$1" capi-zol-tv.h -D_GLIBCXX_DEBUG "without -D_GLIBCXX_DEBUG"
+one_error "$1" ZOLWatch.h -fno-exceptions "needs exceptions"
+one_error "$1" ZOLWatch.h -std=c++14 "needs C++17"
 
 # A platform may have its headers in a folder, and any tag for its record.
 scratch=$(mktemp -d)
@@ -57,4 +58,4 @@ mkdir "$scratch/vconf"
 echo '#pragma once
 typedef struct _keynode_t { const char* keyname; } keynode_t;' >"$scratch/vconf/vconf.h"
 printf '#include <%s>\n' vconf/vconf.h VconfCallbackGenerator.h >"$scratch/program.cpp"
-compile "$COMPILER" -I"$scratch" "$scratch/program.cpp" || fail "another tag of keynode_t does not compile"
+compile "$1" -I"$scratch" "$scratch/program.cpp" || fail "another tag of keynode_t does not compile"
