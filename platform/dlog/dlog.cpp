@@ -151,11 +151,23 @@ int theTarget()
     return fd;
 }
 
+// How many bytes follow the first byte of a UTF-8 character; 0 also for a byte that begins none.
+int bytesAfter(unsigned char first)
+{
+    if (first >= 0xf0) {
+        return 3;
+    }
+    if (first >= 0xe0) {
+        return 2;
+    }
+    return first >= 0xc2 ? 1 : 0;
+}
+
 // Control characters are spelled out, also those from U+0080 to U+009F and lone bytes of these numbers, so that no
 // value can forge a line or steer a terminal.
 void appendSafe(std::string& line, const char* text)
 {
-    int rest = 0;  // how many bytes the character still has
+    int rest = 0;  // bytes that the present character still has
     for (; *text != '\0'; ++text) {
         auto byte = static_cast<unsigned char>(*text);
         const auto next = static_cast<unsigned char>(text[1]);
@@ -164,7 +176,7 @@ void appendSafe(std::string& line, const char* text)
             byte = next;
             ++text;
         }
-        rest = inside ? rest - 1 : byte >= 0xf0 ? 3 : byte >= 0xe0 ? 2 : byte >= 0xc2 ? 1 : 0;
+        rest = inside ? rest - 1 : bytesAfter(byte);
         if (!inside && ((byte < 0x20 && byte != '\t') || (byte >= 0x7f && byte <= 0x9f))) {
             char escaped[5];
             (void)std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
