@@ -14,6 +14,6 @@ int main()
     const ZOLWatch watch = ZOLWatch::ZOLLanguage([&](const std::string& value) { changed.set_value(value); });
     ZOLSystemData::SetZOLLanguage("de-DE");
     std::future<std::string> next = changed.get_future();
-    const bool told = watch && next.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
-    std::cout << language << ", then " << (told ? next.get() : "nothing; the log tells why") << std::endl;
+    const bool notified = watch && next.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    std::cout << language << ", then " << (notified ? next.get() : "nothing; the log tells why") << std::endl;
 }

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Building for a platform that pkg-config knows: system_platform_test.sh SOURCE_DIR BUILD_DIR
 # The desk platform, installed from BUILD_DIR into a scratch prefix, plays the TV's, and another project takes the
-# library in, with what a customer builds over it.
+# library in, with what a customer builds over it and with warnings of its own, which are no errors.
 set -euo pipefail
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -19,7 +19,7 @@ FetchContent_Declare(capi-zol-tv SOURCE_DIR "$1" OVERRIDE_FIND_PACKAGE)
 add_subdirectory("$1/examples" examples)
 END
 fail() { echo "FAILED: $*" && exit 1; }
-{ cmake -S "$scratch" -B "$scratch/build" -DZOL_PLATFORM=system && cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1 ||
+{ cmake -S "$scratch" -B "$scratch/build" -DZOL_PLATFORM=system -DCMAKE_CXX_FLAGS=-Weffc++ && cmake --build "$scratch/build" --parallel 2; } >"$scratch/log" 2>&1 ||
     fail "the library does not build: $(<"$scratch/log")"
 library=$(find "$scratch/build" -name libcapi-zol-tv.so)
 grep -q ' T .*VconfCallbackMethodEP10tv_keynodePv$' <<<"$(nm -D "$library")" ||
