@@ -240,7 +240,7 @@ TEST_F(StoreTest, PlacesAndFilesThatDoNotServeGiveOneLineOrTheValueThatWasWritte
             continue;
         }
         SCOPED_TRACE(commands);
-        expectLog(line, works ? 0 : 2, [&, &line = line, &commands = commands] {
+        expectLog(line, works ? 0 : 2, [&, &commands = commands] {
             REQUIRE(!mounts || unshare(CLONE_NEWNS) == 0);
             REQUIRE(run("rm -rf real store; " + commands));
             REQUIRE(text("db/a") == (works ? value : "(none)") && put("db/a", value) == works);
@@ -491,7 +491,7 @@ TEST_F(StoreTest, ThreadsAreNotCancelledInsideTheStore)
 
 TEST_F(StoreTest, KeepsItsModesWhateverTheUmask)
 {
-    for (const mode_t mask : {0177, 0777}) {
+    for (const mode_t mask : {0177U, 0777U}) {
         inChild([mask] {
             umask(mask);
             REQUIRE(put("db/a", 1) && put("memory/a", 1));
