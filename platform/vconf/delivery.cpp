@@ -67,7 +67,10 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
         }
     }
     reserveStandardDescriptors();
-    if (signals_ < 0 && (signals_ = inotify_init1(IN_CLOEXEC)) < 0) {
+    if (signals_ < 0) {
+        signals_ = inotify_init1(IN_CLOEXEC);
+    }
+    if (signals_ < 0) {
         throw Error(std::string("cannot watch for changes: ") + std::strerror(errno) +
                     "; close files, or raise fs.inotify.max_user_instances");
     }

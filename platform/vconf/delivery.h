@@ -55,8 +55,8 @@ private:
     // How far the thread has read a store's journal.
     struct Position {
         Store* store = nullptr;  // set by the first subscription
-        uint64_t seen =
-            0;  // the last write that was delivered or dropped; only the thread uses it once there is a store
+        // The last write that was delivered or dropped. Only the delivery thread uses it once there is a store.
+        uint64_t seen = 0;
     };
 
     [[noreturn]] void run();
