@@ -51,7 +51,8 @@ public:
     /// @param path  The key; it is copied. Throws nothing but std::bad_alloc.
     VconfCallbackGenerator(DataValueType type, const std::string& path);
 
-    /// Frees the list of callbacks. It neither unsubscribes nor waits for running callbacks.
+    /// Frees the list of callbacks. It neither unsubscribes nor waits for running callbacks. It writes to the log, so
+    /// do not destroy a watcher on a thread that may be cancelled.
     ~VconfCallbackGenerator();
 
     VconfCallbackGenerator(const VconfCallbackGenerator&) = delete;
@@ -72,8 +73,9 @@ public:
 
     /// Hands a change to the callbacks of a watcher. vconf calls it. What callbacks throw is caught and logged.
     /// @param node      The key and its new value, read according to the watcher's type.
-    /// @param userData  The watcher. A watcher made by ZOLSystemDataNotify may already be destroyed; the call then does
-    ///                  nothing.
+    /// @param userData  The watcher. A watcher made by ZOLSystemDataNotify may already be destroyed: the call then
+    /// calls
+    ///                  no callback, or those of a newer watcher of the same key that has the same address.
     static void VconfCallbackMethod(keynode_t* node, void* userData);
 
     /// @return the key.

@@ -14,8 +14,9 @@
 ///     [{"appid":"app.alpha","concurrent":"on"},{"appid":"app.beta","concurrent":"off"}]
 ///
 /// The app's first entry is changed; if it has none, one is added at the end. Everything else in the list keeps its
-/// content and order. If the value cannot be read, cannot be parsed or is not an array, a new list with this one entry
-/// replaces it. A list may be nested to any depth.
+/// content and order, except that numbers beyond the range of a double become the largest double. If the value cannot
+/// be read, cannot be parsed or is not an array, a new list with this one entry replaces it. A list may be nested to
+/// any depth.
 ///
 /// @param appid  The app's id, stored up to its first NUL. An empty id matches no entry, so a new one is always added.
 /// @param mode   Any text, stored up to its first NUL. Only "on" puts the app in concurrent mode.

@@ -13,7 +13,7 @@
 #error "libcapi-zol-tv passes the ordinary std::vector; compile without -D_GLIBCXX_DEBUG"
 #endif
 
-/// Stands before what is exported.
+/// Marks an exported declaration.
 #define ZOL_API __attribute__((visibility("default")))
 
 #endif

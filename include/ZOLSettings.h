@@ -3,20 +3,20 @@
 #ifndef ZOL_SETTINGS_H
 #define ZOL_SETTINGS_H
 
+// clang-format off
 /// Expands to `ROW(name, type, read, write, watch, key, description)` for each setting.
 ///
 /// | column      | meaning                                                                                            |
 /// |-------------|----------------------------------------------------------------------------------------------------|
 /// | name        | GetOSDLanguage and SetOSDLanguage belong to the setting OSDLanguage                                |
-/// | type        | BOOL, INT or STRING; the key holds no other type                                                   |
-/// | read        | READ: GetNAME reads the key. READ_IS: IsNAME does so, too. READ_LIST: GetNAME lists apps. Or empty |
+/// | type        | BOOL, INT or STRING: the type that the operations read and write                                   |
+/// | read        | READ: GetNAME reads. READ_IS: GetNAME and IsNAME read. READ_LIST: GetNAME lists apps. Or empty     |
 /// | write       | WRITE: SetNAME writes the key. Or empty                                                            |
 /// | watch       | WATCH: RegisterNAMECallback, UnregisterNAMECallback and ZOLWatch::NAME report changes. Or empty    |
 /// | key         | the vconf key, exactly as the platform spells it, including "nagative_colors" and "alexa_language" |
 /// | description | what the setting is                                                                                |
 ///
 /// CONTRIBUTING.md lists what else a new row needs.
-// clang-format off
 #define ZOL_SETTINGS(ROW)                                                                                              \
     ROW(AovModeSetter,                 STRING, READ,      WRITE,      ,                                                \
         "db/multi-assistant/aov_mode_setter", "the always-on-voice mode")                                              \

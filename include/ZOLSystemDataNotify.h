@@ -57,7 +57,7 @@ using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// @code
 /// void onActivated(bool activated, void* userData) { static_cast<Assistant*>(userData)->show(activated); }
 /// ...
-/// if (ZOLSystemDataNotify::RegisterZOLActivatedCallback(onActivated, &assistant) == 0) ...  // the log tells why
+/// if (ZOLSystemDataNotify::RegisterZOLActivatedCallback(onActivated, &assistant) == 0) ...  // the log says why
 /// ...
 /// ZOLSystemDataNotify::UnregisterZOLActivatedCallback(onActivated);  // from here on the assistant may go
 /// @endcode
@@ -132,7 +132,7 @@ public:
     /// @}
 };
 
-/// Removes a callback from a watcher; the unregister operations are made of it.
+/// Removes a callback from a watcher; the unregister operations call it.
 /// @param watcher   The watcher, or null.
 /// @param callback  The function, as an untyped pointer.
 /// @param keyLock   The lock of the watcher's topic. It is not taken, and the caller must not hold it.

@@ -30,7 +30,7 @@
 /// A watch of one topic. The function named after the topic makes it:
 /// @code
 /// ZOLWatch language = ZOLWatch::ZOLLanguage([](const std::string& value) { print(value); });
-/// if (!language) ...  // refused; the log tells why
+/// if (!language) ...  // refused; the log says why
 /// @endcode
 ///
 /// **Hold no lock that a callable takes while you make or end a watch.** Making and ending wait until the running

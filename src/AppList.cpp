@@ -36,7 +36,8 @@ using Writer = rapidjson::Writer<Buffer, Utf8, Utf8, ThrowingAllocator>;
 struct Member {
     bool exists = false;
     const char* text = nullptr;  // of a string, up to its first NUL; null for any other value
-    std::size_t begin = 0;       // of the value in the output, colon included; where one would be added if none exists
+    // Where the value is in the output, from its colon on. For a missing member: where it would be added.
+    std::size_t begin = 0;
     std::size_t end = 0;
 };
 
@@ -91,12 +92,12 @@ public:
             return Sink::Key(name, length, copy);
         }
         member_->end = Sink::outputSize();
-        Sink::Key(name, length, copy);
+        const bool goesOn = Sink::Key(name, length, copy);
         member_ = &memberNamed(std::string_view(name, length));
         *member_ = Member();
         member_->exists = true;
         member_->begin = Sink::outputSize();
-        return true;
+        return goesOn;
     }
     bool String(const char* text, rapidjson::SizeType length, bool copy)
     {
@@ -107,8 +108,8 @@ public:
     }
 
 private:
-    // Directly in an entry, not in anything nested inside it. Also true in an array in the list and in an object in an
-    // object, but the first has no members, and the second is not a list.
+    // True between the braces of an entry, outside anything nested in it. Depth 2 can also be an array in the list,
+    // which has no members, or be in an object at the root, which is not a list, so its entries do not matter.
     bool isInEntry() const { return depth_ == 2; }
 
     void descend()
@@ -153,7 +154,8 @@ struct IdCollector : rapidjson::BaseReaderHandler<> {
 struct ListWriter : Writer {
     ListWriter(Buffer& output, const std::string& app) : Writer(output), appid(app) {}
 
-    // A number just above the largest double is parsed as infinity, which JSON cannot express; the largest is used.
+    // RapidJSON parses some numbers beyond the largest double as infinity, which JSON cannot express. The largest
+    // double is written instead.
     bool Double(double value)
     {
         constexpr double kLargest = std::numeric_limits<double>::max();
@@ -230,11 +232,11 @@ ChangedAppList withMode(std::string stored, const std::string& appid, const std:
         const char* const separator = list == "[]" ? "" : ",";
         return {form, replaced(list, end, end, separator + newEntry(appid, mode))};
     }
-    const Member& place = *writer.mode;
-    if (!place.exists) {
-        return {form, replaced(list, place.begin, place.end, R"(,"concurrent":)" + quoted(mode))};
+    const Member& member = *writer.mode;
+    if (!member.exists) {
+        return {form, replaced(list, member.begin, member.end, R"(,"concurrent":)" + quoted(mode))};
     }
-    return {form, replaced(list, place.begin, place.end, ':' + quoted(mode))};
+    return {form, replaced(list, member.begin, member.end, ':' + quoted(mode))};
 }
 
 std::string toText(const rapidjson::Value& value)

@@ -31,8 +31,8 @@ constexpr TopicRow kTopics[] = {ZOL_SETTINGS(ROW)};
 #undef ROW_
 #undef ROW_WATCH
 
-// Log lines are points of cancellation on some platforms. A thread that is cancelled between two steps of a release
-// would leave the slot blocked.
+// Log lines are points of cancellation on some platforms. A watcher is destroyed in a destructor, where a cancellation
+// would end the process.
 class CancellationBlocker {
 public:
     CancellationBlocker() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_); }
@@ -44,7 +44,8 @@ private:
     int previous_ = 0;
 };
 
-// A register or unregister operation's use of its topic's slot. The last one to leave releases the watcher.
+// A register or unregister operation's use of its topic's slot. The last one to leave destroys the
+// watcher if it is unsubscribed and an unregistration took part.
 class Operation {
 public:
     // The caller holds the key lock.
@@ -55,8 +56,8 @@ public:
         zol::WatcherSlot& slot = zol::slots[topic_];
         std::unique_lock<std::mutex> keyGuard(slot.keyLock);
         --slot.operations;
-        if (slot.operations == 0 && std::exchange(slot.isReleaseRequested, false)) {
-            releaseUnsubscribed(slot, keyGuard);
+        if (slot.operations == 0 && std::exchange(slot.isUnregistering, false)) {
+            destroyUnsubscribed(slot, keyGuard);
         }
     }
 
@@ -64,7 +65,7 @@ public:
     Operation& operator=(const Operation&) = delete;
 
 private:
-    void releaseUnsubscribed(zol::WatcherSlot& slot, std::unique_lock<std::mutex>& keyGuard) const
+    void destroyUnsubscribed(zol::WatcherSlot& slot, std::unique_lock<std::mutex>& keyGuard) const
     {
         if (slot.watcher == nullptr || slot.watcher->IsExistVconfCallback()) {
             return;
@@ -79,7 +80,7 @@ private:
     zol::Topic topic_;
 };
 
-// This and the next function are not inlined: two dozen copies gain nothing.
+// This and the next function are not inlined, because 13 copies of each would only make the library larger.
 [[gnu::noinline]] int registerCallback(zol::Topic topic, void* callback, void* userData)
 {
     zol::WatcherSlot& slot = zol::slots[topic];
@@ -101,7 +102,7 @@ private:
     zol::WatcherSlot& slot = zol::slots[topic];
     std::unique_lock<std::mutex> keyGuard(slot.keyLock);
     VconfCallbackGenerator* const watcher = slot.watcher;
-    slot.isReleaseRequested = true;
+    slot.isUnregistering = true;
     const Operation operation(topic);
     keyGuard.unlock();
     return __unRegisterVconfCallback(watcher, callback, slot.keyLock);

@@ -1,5 +1,5 @@
 #!/bin/bash
-# How to add a setting, as CONTRIBUTING.md tells: add_setting_test.sh SOURCE_DIR
+# How to add a setting, as CONTRIBUTING.md describes: add_setting_test.sh SOURCE_DIR
 # What it says is done to a copy of the sources, in a folder whose name has a space. It then builds, shows the demo, and
 # passes the tests of the settings and of the tool.
 set -euo pipefail

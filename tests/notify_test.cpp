@@ -83,7 +83,7 @@ void expectCall(int expected, int result, const Events& events, int line = __bui
     mock::expectEvents(events, line);
 }
 
-// A type, and values with what the callbacks are told.
+// A type, and values with what the callbacks receive.
 using Kind = std::pair<int, std::vector<std::pair<mock::Value, std::string>>>;
 
 template <class Value>
@@ -209,14 +209,14 @@ TEST_F(NotifyTest, TheMembersOfAWatcherAreInTheirOrder)
     const auto& members = reinterpret_cast<Members&>(watcher);
     EXPECT_TRUE(members.vconfPath == "db/k" && members.isExistVconfCallback && members.valueType == 2);
     EXPECT_TRUE(members.nodeList.at(0)->userData == one);
-    members.nodeList[0]->callback = nullptr;  // is passed over
+    members.nodeList[0]->callback = nullptr;  // is skipped
     mock::fire("db/k", "x");
     EXPECT_EQ(Events(), received());
 }
 
 // A program that is not position-independent, as this one is, has an address of its own for every function that it
 // calls.
-TEST_F(NotifyTest, AProgramAndTheLibraryHaveOneDispatchFunction)
+TEST_F(NotifyTest, DispatchFunctionHasOneAddress)
 {
     Watcher watcher(DATA_TYPE_STRING, "db/k");
     watcher.RegisterCallback(untyped(onText), one);
@@ -297,13 +297,15 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
     EXPECT_EQ(1, addLanguage(onText, one));
     EXPECT_EQ(Events(), received());
     EXPECT_EQ(1, removeLanguage(onText));
-    std::fill_n(static_cast<char*>(late.userData), sizeof(Watcher), '\xff');  // to mislead who looks all the same
-    for (const bool anew : {false, true}) {
-        EXPECT_EQ(anew ? 1 : 0, anew ? addLanguage(onText, one) : removeLanguage(onText));
+    std::fill_n(static_cast<char*>(late.userData), sizeof(Watcher), '\xff');  // so that a dispatch that reads it fails
+    const auto expectNoCall = [&late] {
         mock::takeEvents();
         mock::deliver(late, "late");
         mock::expectEvents({invoked(kLanguage), kUnsubscribed});
-    }
+    };
+    expectNoCall();
+    EXPECT_EQ(1, addLanguage(onText, one));
+    expectNoCall();
     mock::fire(kLanguage, "x");
     EXPECT_EQ(Events{"x one"}, received());
     EXPECT_EQ(1, removeLanguage(onText));
@@ -328,7 +330,7 @@ TEST_F(NotifyTest, ExitInsideACallbackEndsTheProcess)
     });
 }
 
-TEST_F(NotifyTest, AReleaseWaitsForTheDispatchesInside)
+TEST_F(NotifyTest, ReleaseWaitsForDispatches)
 {
     mock::refuse("vconf_notify_key_changed");
     EXPECT_EQ(0, addLanguage(onText, one));
@@ -338,7 +340,7 @@ TEST_F(NotifyTest, AReleaseWaitsForTheDispatchesInside)
     mock::expectEvents({kReleased[1]});
 }
 
-TEST_F(NotifyTest, ARegistrationWaitsForTheRelease)
+TEST_F(NotifyTest, RegistrationWaitsForRelease)
 {
     mock::refuse("vconf_notify_key_changed");
     EXPECT_EQ(0, addLanguage(onText, one));
@@ -359,7 +361,7 @@ TEST_F(NotifyTest, ARegistrationWaitsForTheRelease)
 }
 
 // Each event finds the watcher in another state. None of them may put off the lines of an unregistration.
-TEST_F(NotifyTest, AReleaseIsLoggedBeforeTheUnregistrationReturns)
+TEST_F(NotifyTest, LogsReleaseBeforeUnregistrationReturns)
 {
     mock::refuse("vconf_notify_key_changed");
     addLanguage(onText, one);  // so that there is somebody to deliver to
@@ -382,23 +384,28 @@ TEST_F(NotifyTest, AReleaseIsLoggedBeforeTheUnregistrationReturns)
     done = true;
 }
 
-TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAnOperationIsInsideIt)
+TEST_F(NotifyTest, OperationsKeepTheWatcher)
 {
-    // Whether the watcher is subscribed at first, where a thread is inside it, what that one does, and the events then.
-    const std::tuple<int, std::string, std::function<void()>, Events> rows[] = {
-        // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed
+    struct Row {
+        int isSubscribed;   // the watcher, at first
+        std::string event;  // where the operation is stopped, while another one unregisters
+        std::function<void()> operation;
+        Events rest;  // after the stop
+    };
+    const Row rows[] = {
+        // A registration that is about to subscribe a watcher which an unregistration finds unsubscribed.
         {0, kNotify, [] { EXPECT_EQ(1, addLanguage(onText, one)); }, {kSuccess}},
-        // an unregistration that has just begun, while another removes the last callback
+        // An unregistration that has just begun, while another one removes the last callback.
         {1, kRemoving, [] { EXPECT_EQ(0, removeLanguage(onTextToo)); },
          Events{removed("isExistVconfCallback is false")} + kReleased},
-        // a registration that fails inside it: the release that it put off is made up for under the right name
+        // A registration that fails: the release that it delayed follows, under the right name.
         {1, added("callback is NULL"), [] { EXPECT_EQ(0, addLanguage(nullptr, one)); }, kReleased},
     };
-    for (const auto& [isSubscribed, event, inside, rest] : rows) {
-        mock::refuse("vconf_notify_key_changed", isSubscribed - 1);
-        EXPECT_EQ(isSubscribed, addLanguage(onText, one));
-        stopAt(event, inside, [subscribed = isSubscribed] { EXPECT_EQ(subscribed, removeLanguage(onText)); });
-        mock::expectEvents(rest);
+    for (const Row& row : rows) {
+        mock::refuse("vconf_notify_key_changed", row.isSubscribed - 1);
+        EXPECT_EQ(row.isSubscribed, addLanguage(onText, one));
+        stopAt(row.event, row.operation, [&row] { EXPECT_EQ(row.isSubscribed, removeLanguage(onText)); });
+        mock::expectEvents(row.rest);
     }
 }
 
@@ -429,7 +436,7 @@ TEST_F(NotifyTest, CallbacksUseOtherTopicsWhileAllAreUsed)
 TEST_F(NotifyTest, TopicsShareNeitherALockNorACacheLine)
 {
     using Notify = ZOLSystemDataNotify;
-    const auto addressOf = [](auto add, auto remove, auto callback) {  // of a topic's watchers, at two places in turn
+    const auto addressOf = [](auto add, auto remove, auto callback) {  // of a topic's watchers, in its two storages
         const auto next = [=] {
             add(callback, nullptr);
             remove(callback);

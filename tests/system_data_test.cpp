@@ -154,7 +154,8 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
     tryAll("db/setting/ambient_mode", BOTH(GetAmbientMode));
 }
 
-// A foreign function interface declares a string passed by value as the reference that it is to the compiler.
+// The compiler passes such a string by its address. A foreign function interface may pass that of the caller's own
+// string.
 TEST(SystemData, FlatFunctionsLeaveTheirStringUnchanged)
 {
     using Declared = bool (*)(std::string);

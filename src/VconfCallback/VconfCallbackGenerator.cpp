@@ -28,7 +28,7 @@ void callAll(const std::vector<CallbackNode*>& list, From value)
             reinterpret_cast<void (*)(Value, void*)>(node->callback)(Value(value), node->userData);
         } catch (...) {
             if (std::current_exception() == nullptr) {
-                throw;  // not a C++ exception: the thread is exiting, which must go on
+                throw;  // the thread exits or is cancelled; that must go on
             }
             dlog_print(ZOL_LINE_OF("VconfCallbackMethod", "exception in cb (%p)"), node->callback);
         }

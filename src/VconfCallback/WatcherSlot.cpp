@@ -36,7 +36,7 @@ void WatcherSlot::leave()
     const std::lock_guard<std::mutex> guard(keyLock);
     --dispatches;
     if (isDestroying && dispatches == 0) {
-        pthread_cond_broadcast(&changed);
+        pthread_cond_broadcast(&condition);
     }
 }
 
@@ -46,7 +46,7 @@ VconfCallbackGenerator* WatcherSlot::beginDestroying(std::unique_lock<std::mutex
     nextStorage = 1 - nextStorage;
     isDestroying = true;
     while (dispatches > 0) {
-        pthread_cond_wait(&changed, keyGuard.mutex()->native_handle());
+        pthread_cond_wait(&condition, keyGuard.mutex()->native_handle());
     }
     return taken;
 }
@@ -54,13 +54,13 @@ VconfCallbackGenerator* WatcherSlot::beginDestroying(std::unique_lock<std::mutex
 void WatcherSlot::finishDestroying()
 {
     isDestroying = false;
-    pthread_cond_broadcast(&changed);
+    pthread_cond_broadcast(&condition);
 }
 
 void WatcherSlot::waitForDestruction(std::unique_lock<std::mutex>& keyGuard)
 {
     while (isDestroying) {
-        pthread_cond_wait(&changed, keyGuard.mutex()->native_handle());
+        pthread_cond_wait(&condition, keyGuard.mutex()->native_handle());
     }
 }
 

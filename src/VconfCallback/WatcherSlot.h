@@ -14,21 +14,22 @@
 
 // ---- The locks of change notification ------------------------------------------------------------------------------
 //
-// A topic's watcher is used by operations (register and unregister) and by dispatches, which vconf starts on threads of
-// its own. Both may be inside the watcher when its last callback is removed. So the topic's slot counts them, and the
-// watcher is destroyed when nobody is left inside.
+// A topic's watcher is used by operations (register and unregister) and by dispatches, which run on the thread that
+// vconf chooses. Both may be inside the watcher when its last callback is removed. So the topic's slot counts them, and
+// the watcher is destroyed when nobody is left inside.
 //
-// The last operation to leave destroys the watcher, if an unregister operation took part and the watcher is
-// unsubscribed. It empties the slot first, so that later dispatches no longer find the watcher. Then it waits for the
-// dispatches that are still inside. That wait is short: the watcher has no callbacks left, and nobody can add one.
-// A registration that comes meanwhile waits for the destruction to finish, and then makes a new watcher.
+// The last operation to leave destroys the watcher if it is unsubscribed and at least one of the overlapping operations
+// was an unregistration. It empties the slot first, so that later dispatches no longer find the watcher. Then it waits
+// for the dispatches that are still inside. That wait is short: the watcher has no callbacks left, and nobody can add
+// one. A registration that comes meanwhile waits for the destruction to finish, and then makes a new watcher.
 //
 // A slot has storage for two watchers, used in turn. An event from before an unregistration carries the address of the
-// old watcher, so it does not reach the callbacks of the next registration.
+// old watcher, so it does not reach the callbacks of the next registration. An event that is two watchers old may reach
+// a newer watcher, of the same key and type.
 //
 //   listMutex   One per watcher. Protects its list of callbacks and its subscription. A registration holds it while the
 //               watcher subscribes, an unregistration while it unsubscribes, and a dispatch while the callbacks run.
-//   keyLock     One per slot. Protects all members of the slot. It is released while a thread waits for `changed`.
+//   keyLock     One per slot. Protects all members of the slot. It is unlocked while a thread waits for `condition`.
 //
 // Order: listMutex, keyLock, the platform's locks. No thread takes a listMutex while it holds a keyLock. A callback
 // runs with its watcher's listMutex held and may use other topics. If it registers on one, it takes that topic's
@@ -47,16 +48,18 @@ enum Topic : std::size_t { ZOL_SETTINGS(TOPIC) kTopicCount };
 #undef TOPIC_
 #undef TOPIC_WATCH
 
-/// One topic's place for its watcher. Aligned so that topics do not share cache lines.
+/// Holds one topic's watcher. Aligned so that topics do not share cache lines.
 struct alignas(64) WatcherSlot {
     std::mutex keyLock;
     VconfCallbackGenerator* watcher = nullptr;  // in one of the storages; null while the topic has none
-    int operations = 0;                         // that are between their begin and end
+    int operations = 0;                         // that have entered and not yet left
     int dispatches = 0;                         // inside the watcher, or inside the one that is being destroyed
-    bool isReleaseRequested = false;            // by one of these operations
+    bool isUnregistering = false;               // one of these operations is or was an unregistration
     bool isDestroying = false;                  // a thread waits for dispatches, to destroy the watcher they are in
-    pthread_cond_t changed = PTHREAD_COND_INITIALIZER;  // dispatches or isDestroying; needs no destructor at exit
-    std::size_t nextStorage = 0;
+    // Signalled when dispatches or isDestroying changes. std::condition_variable has a destructor, which would run at
+    // exit.
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+    std::size_t nextStorage = 0;  // the index of the storage for the next watcher
     std::aligned_storage_t<sizeof(VconfCallbackGenerator), alignof(VconfCallbackGenerator)> storages[2] = {};
 
     /// For a dispatch: enters the watcher at the address that vconf passed.
