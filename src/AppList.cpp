@@ -225,7 +225,7 @@ ChangedAppList withMode(std::string stored, const std::string& appid, const std:
     if (form != AppListForm::list) {
         return {form, '[' + newEntry(appid, mode) + ']'};
     }
-    stored = std::string();  // its memory is needed no more, and the list may be large
+    std::string().swap(stored);  // frees its memory, because the list may be large
     const std::string_view list(output.GetString(), output.GetSize());
     if (!writer.mode) {
         const std::size_t end = list.size() - 1;  // before the bracket

@@ -167,7 +167,7 @@ bool ZOLSystemData::GetZOLConcurrentAppList(std::vector<std::string>& list)
         dlog_print(ZOL_LINE("data is not valid : %s"), stored.c_str());
         return false;
     }
-    stored = std::string();  // its memory is needed no more, and the list may be large
+    std::string().swap(stored);  // frees its memory, because the list may be large
     const std::size_t before = list.size();
     try {
         for (const char* id : *ids) {

@@ -79,6 +79,7 @@ TEST_F(WatchTest, ARefusalHarmsNoLaterWatch)
         mock::refuse("vconf_" + operation + "_key_changed");
         EXPECT_EQ(operation == "ignore", bool(language("refused")));
         const Watch next = language("next");
+        EXPECT_TRUE(next);
         fire("1");
         EXPECT_EQ(Events({"next 1"}), mock::received());
     }
