@@ -41,7 +41,7 @@ in_page=$(awk '/^\.SH/ { command = "" }
     { tag = /^\.TP/ }' "$page" | sort)
 same "the manual page" "$(grep -vE '^.+:(-h|--help)$' <<<"$help")" "$in_page"
 
-"$zolctl" concurrent enable app.b 'app $(touch x)' other
+"$zolctl" concurrent enable app.b 'app $(touch x)' other $'app\nfood'
 while IFS='|' read -r words expected; do
     IFS=_ read -ra typed <<<"${words}_"
     same "completion of $words" "$expected" "$(offered "${typed[@]}")"
@@ -51,6 +51,7 @@ set_ZOLActivated_|off on
 inject_ModelI|ModelId
 watch_--json_--count_3_ZOLA|ZOLActivated
 watch_ZOLActivated_ZOLA|
+watch_OSD|OSDCountry
 concurrent_disable_app|app\\ \\\$\\(touch\\ x\\) app.b
 load_$work/st|$work/store
 END

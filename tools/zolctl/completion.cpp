@@ -17,12 +17,13 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-// What the positional argument of that name can be, with those that are given already.
+// What the positional argument of that name can be, after those that are given already.
 Words argumentsOf(const std::string& command, const std::string& argument, const Words& given)
 {
     Words offered;
     for (const Setting& setting : allSettings()) {
-        const bool isGiven = std::count(given.begin(), given.end(), setting.name) != 0;
+        const auto isThis = [&](const std::string& word) { return setting.isCalled(word); };
+        const bool isGiven = std::any_of(given.begin(), given.end(), isThis);
         const bool fits = (command != "set" || setting.writable()) && (command != "watch" || setting.watchable());
         if (argument == "NAME" && fits && !isGiven) {
             offered.emplace_back(setting.name);
@@ -57,7 +58,9 @@ int complete(const CLI::App& program, const std::vector<std::string>& words)
             optionsEnded = true;
         } else if (const CLI::Option* option = command->get_option_no_throw(word)) {
             const bool isApart = option->get_expected_min() > 0;  // from its value; bash makes three words of --count=1
-            at += !isApart ? 0 : words[at + 1] == "=" ? 2 : 1;
+            if (isApart) {
+                at += words[at + 1] == "=" ? 2 : 1;
+            }
             if (at >= last) {
                 return 0;
             }
@@ -88,7 +91,8 @@ int complete(const CLI::App& program, const std::vector<std::string>& words)
     const std::set<std::string> sorted(offered.begin(), offered.end());
     std::string text;
     for (const std::string& word : sorted) {
-        text += word.rfind(typed, 0) == 0 ? word + "\n" : "";
+        const bool isOneLine = word.find('\n') == std::string::npos;  // an app id may be any text
+        text += isOneLine && word.rfind(typed, 0) == 0 ? word + "\n" : "";
     }
     print(text);
     return 0;

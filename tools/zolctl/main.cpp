@@ -1,14 +1,12 @@
 // The command line.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
+#include <array>
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <iostream>
 #include <new>
 #include <sstream>
 #include <string>
@@ -23,26 +21,64 @@ using namespace zolctl;
 
 namespace {
 
-// With standard output closed, the store's files would be opened under its number and be written to.
-void occupyStandardFiles()
-{
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (fcntl(fd, F_GETFD) < 0) {
-            // The wrong way round, so that using it is an error all the same.
-            open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
-        }
-    }
-}
-
-// The log takes this from the environment when its first line is written. This tool's is off unless it is asked for.
-// Returns where the log of other programs goes.
+// The log reads ZOL_DLOG when its first line is written. This tool logs nothing unless that is asked for.
+// Returns the value for other programs, empty if there is none.
 std::string chooseLog(bool verbose)
 {
     const char* const chosen = std::getenv("ZOL_DLOG");
     const std::string given = chosen == nullptr ? "" : chosen;
-    const bool isOff = given.empty() || given == "off";
-    setenv("ZOL_DLOG", !isOff ? given.c_str() : verbose ? "stderr" : "off", 1);
-    return given.empty() || given == "stderr" ? "standard error" : given;
+    if (given.empty() || given == "off") {
+        setenv("ZOL_DLOG", verbose ? "stderr" : "off", 1);
+    }
+    return given;
+}
+
+// Unlike CLI::Range, this refuses "nan" and writes the limits as people do.
+CLI::Validator within(double least, double most, const std::string& limits)
+{
+    const auto check = [=](const std::string& text) {
+        double number = 0;
+        const bool isNumber = CLI::detail::lexical_cast(text, number);
+        return isNumber && number >= least && number <= most ? std::string() : text + " is not a number from " + limits;
+    };
+    return {check, "from " + limits};
+}
+
+// What somebody who knows other tools may type instead of a command, and what to use here.
+struct OtherWord {
+    const char* word;
+    const char* advice;
+};
+constexpr char kNoRemoval[] =
+    "the store has no call that removes a value; write another with zolctl set or zolctl inject, or remove all values "
+    "with the folders that zolctl status shows";
+constexpr std::array kOtherWords = {OtherWord{"reset", kNoRemoval}, OtherWord{"unset", kNoRemoval},
+                                    OtherWord{"read", "use zolctl get"}, OtherWord{"write", "use zolctl set"},
+                                    OtherWord{"monitor", "use zolctl watch"}};
+
+constexpr char kPattern[] = "Part of a name or key; * matches any text, ? any one character";
+
+std::string commandAdvice(const std::string& word, const std::vector<std::string>& commands)
+{
+    for (const OtherWord& other : kOtherWords) {
+        if (word == other.word) {
+            return std::string(other.advice) + "; ";
+        }
+    }
+    const std::string meant = nearest(word, commands);
+    return meant.empty() ? "" : "did you mean " + meant + "? ";
+}
+
+// For an option that the command line does not have there.
+std::string optionAdvice(const std::string& option, const CLI::App& command, const std::string& path)
+{
+    const std::string name = option.substr(0, option.find('='));
+    if (command.get_option_no_throw(name) != nullptr) {
+        return "the option " + name + " must follow its command: " + path + " " + option;
+    }
+    const bool takesTexts = command.get_subcommands({}).empty();
+    return "unknown option " + option + (takesTexts ? "; put -- before a text that begins with a dash" : "") + "; " +
+           path + " --help shows how it is used";
 }
 
 class CommandLine {
@@ -83,10 +119,10 @@ private:
     std::vector<std::string> apps_;
     WatchOptions watch_;
     double timeout_ = 2;
-    std::string logTarget_;
+    std::string log_;
 };
 
-constexpr char kName[] = "Name or key of the setting, as zolctl list --long shows it";
+constexpr char kName[] = "Name or key of the setting, as zolctl list --long shows it, in any case";
 
 CommandLine::CommandLine()
 {
@@ -104,10 +140,11 @@ CommandLine::CommandLine()
 
     CLI::App* const list = command(app_, "list", "Show settings and their values; - means no value",
                                    "ACCESS is what the library lets apps do. Control characters are shown as \\x0a,\n"
-                                   "a backslash as \\\\. JSON has null for no value.\n"
+                                   "a backslash as \\\\. (a string) means a value of another type than the\n"
+                                   "setting's. JSON has null for no value.\n"
                                    "Example: zolctl list --long 'db/*language'",
                                    [this] { return zolctl::list(text_, withKey_, json_); });
-    list->add_option("PATTERN", text_, "Part of a name or key; * matches any text, ? any one character");
+    list->add_option("PATTERN", text_, kPattern);
     list->add_flag("--long", withKey_, "Also show the keys");
     jsonFlag(list);
 
@@ -119,11 +156,11 @@ CommandLine::CommandLine()
     get->add_option("NAME", names_, kName)->required();
     jsonFlag(get, "Print a JSON object, which zolctl load takes");
 
-    command(app_, "describe", "Explain a setting, and which calls use it",
-            "Prints its meaning, type, access, key and value, and the library's calls for it in both forms.\n"
+    command(app_, "describe", "Explain settings, and which calls use them",
+            "Prints its meaning, type, access, key and value, and the library's calls for it.\n"
             "Example: zolctl describe OSDLanguage",
-            [this] { return zolctl::describe(name_); })
-        ->add_option("NAME", name_, kName)
+            [this] { return zolctl::describe(names_); })
+        ->add_option("NAME", names_, kName)
         ->required();
     nameAndValue(command(app_, "set", "Write one setting through the library",
                          "A setting without a setter is refused; see zolctl inject.\n"
@@ -149,11 +186,12 @@ CommandLine::CommandLine()
 
     addConcurrent();
     addWatch();
-    command(app_, "status", "Show where the store is, whether it can be used, and who uses it",
-            "Prints for both parts of the store the folder, whether it can be used and if not why, its size and the\n"
-            "processes that use it; then where ZOL_DLOG sends the log. The exit code is 3 if a part cannot be used.\n"
-            "Example: zolctl status",
-            [this] { return zolctl::status(logTarget_); });
+    command(
+        app_, "status", "Show where the stores are, whether they can be used, and which processes use them",
+        "Prints for the persistent and the volatile store whether it can be used and if not why, its folder, size and\n"
+        "users; then where ZOL_DLOG sends the log. The exit code is 3 if a store cannot be used.\n"
+        "Example: zolctl status",
+        [this] { return zolctl::status(log_); });
     command(
         app_, "selftest", "Check that the platform does what the library relies on",
         "Prints a line for each check, which begins with ok or FAIL. The exit code is 0 if all hold. No setting is\n"
@@ -161,7 +199,7 @@ CommandLine::CommandLine()
         "Example: zolctl selftest --timeout 10",
         [this] { return selftest(timeout_); })
         ->add_option("--timeout", timeout_, "Time limit for each check; 2 by default")
-        ->check(CLI::Range(0.1, 3600.0))
+        ->check(within(0.1, 3600, "0.1 to 3600"))
         ->type_name("SECONDS");
 }
 
@@ -202,23 +240,26 @@ void CommandLine::addWatch()
         app_, "watch", "Print changes as they happen",
         "Prints the time, name and value of each change. When it is ready, it writes one line that begins with\n"
         "\"watching\" to standard error. If it falls behind and misses changes, it prints how many writes, to any\n"
-        "setting, were passed over. It ends with 0 after --count changes, at the --until value, or after --timeout\n"
-        "alone; with 1 if the time runs out before the first two; else by a signal, or when its output is closed.\n"
+        "setting, were dropped. It ends with 0 after --count changes, at the --until value, or after --timeout\n"
+        "alone; with 1 if the time runs out before the first two; with 3 if the store is removed; else by a signal, "
+        "or\n"
+        "when its output is closed.\n"
         "Example: zolctl watch ZOLActivated --until on --timeout 10",
         [this] {
             watch_.json = json_;
             return zolctl::watch(watch_);
         });
-    watch->add_option("NAME", watch_.names, "Names or keys of the settings; without one, all that can be watched");
+    watch->add_option("NAME", watch_.patterns,
+                      "Names, keys or patterns as list takes them; without one, all that can be watched");
     CLI::Option* const count = watch->add_option("--count", watch_.count, "End after that many changes")
-                                   ->check(CLI::Range(1, 1000000000))
+                                   ->check(within(1, 1e9, "1 to 1000000000"))
                                    ->type_name("N");
     watch->add_flag("--initial", watch_.initial, "Print the current values first");
     watch->add_option("--until", watch_.until, "End when the one setting has that value, at once if it has it already")
         ->type_name("VALUE")
         ->excludes(count);
     watch->add_option("--timeout", watch_.timeout, "End after that many seconds")
-        ->check(CLI::Range(0.001, 1e9))
+        ->check(within(0.001, 1e9, "0.001 to 1000000000"))
         ->type_name("SECONDS");
     watch->add_flag("--diff", watch_.diff, "For the app list, print only which apps went on (+) and off (-)");
     jsonFlag(watch, "Print one JSON object per line; the time has date and zone");
@@ -240,7 +281,7 @@ int CommandLine::run(std::vector<std::string> arguments)
     } catch (const CLI::ParseError& error) {
         return answer(error);
     }
-    logTarget_ = chooseLog(verbose_);
+    log_ = chooseLog(verbose_);
     return chosen_();
 }
 
@@ -253,17 +294,16 @@ int CommandLine::answer(const CLI::ParseError& error) const
         at = at->get_subcommands().front();
         path += " " + at->get_name();
     }
-    const auto rest = app_.remaining(true);
-    const std::string word = rest.empty() ? "" : rest.front();
-    const bool isOption = word.rfind('-', 0) == 0;
     std::vector<std::string> commands;
     for (const CLI::App* each : at->get_subcommands({})) {
         commands.push_back(each->get_name());
     }
+    const auto rest = app_.remaining(true);
+    const std::string word = rest.empty() ? "" : rest.front();
+    const bool isOption = word.rfind('-', 0) == 0;
     if (!word.empty() && !isOption && !commands.empty()) {
-        const std::string meant = nearest(word, commands);
-        throw UsageError("unknown command " + word + "; " + (meant.empty() ? "" : "did you mean " + meant + "? ") +
-                         path + " --help lists the commands");
+        throw UsageError("unknown command " + word + "; " + commandAdvice(word, commands) + path +
+                         " --help lists the commands");
     }
     if (error.get_exit_code() == 0) {
         std::ostringstream text;
@@ -271,11 +311,10 @@ int CommandLine::answer(const CLI::ParseError& error) const
         print(text.str());
         return 0;
     }
-    const std::string what = !isOption ? error.what()
-                             : commands.empty()
-                                 ? "unknown option " + word + "; put -- before a text that begins with a dash"
-                                 : "unknown option " + word;
-    throw UsageError(what + "; " + path + " --help shows how it is used");
+    if (isOption) {
+        throw UsageError(optionAdvice(word, *at, path));
+    }
+    throw UsageError(std::string(error.what()) + "; " + path + " --help shows how it is used");
 }
 
 }  // namespace
@@ -283,10 +322,10 @@ int CommandLine::answer(const CLI::ParseError& error) const
 int main(int argc, char** argv)
 {
     try {
-        occupyStandardFiles();
+        std::ios::sync_with_stdio(false);
         return CommandLine().run({argv + 1, argv + argc});
     } catch (const std::bad_alloc&) {
-        (void)std::fputs("zolctl: out of memory\n", stderr);
+        std::cerr << "zolctl: out of memory\n";
         return kExitFailed;
     } catch (const Error& error) {
         printError(error.what());

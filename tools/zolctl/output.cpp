@@ -1,25 +1,61 @@
 #include "output.h"
 
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-
-#include "settings.h"
+#include <iostream>
 
 namespace zolctl {
 namespace {
 
-// A character that JSON can hold as it is: of control characters, those from U+0080 on could steer a terminal.
-bool isPlain(const std::string& character)
+struct Character {
+    std::string bytes;
+    unsigned code;
+    bool isValid;  // otherwise this is one byte that is not UTF-8
+
+    // Those from U+0080 on steer a terminal as well.
+    bool isControl() const { return code < 0x20 || (code >= 0x7f && code <= 0x9f); }
+};
+
+Character characterAt(const std::string& text, std::size_t at)
 {
-    const auto first = static_cast<unsigned char>(character[0]);
-    const bool isControl = first < 0x20 || first == 0x7f || (first == 0xc2 && character < "\xc2\xa0");
-    return !isControl && first != '\\' && (first < 0x80 || isUtf8(character));
+    rapidjson::MemoryStream rest(&text[at], text.size() - at);
+    unsigned code = 0;
+    if (!rapidjson::UTF8<>::Decode(rest, &code)) {
+        return {text.substr(at, 1), 0, false};
+    }
+    return {text.substr(at, rest.Tell()), code, true};
+}
+
+std::string hex(char byte)
+{
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto number = static_cast<unsigned char>(byte);
+    return {kDigits[number / 16], kDigits[number % 16]};
+}
+
+// RapidJSON escapes the other control characters.
+std::string withControlsEscaped(const std::string& json)
+{
+    std::string result;
+    for (std::size_t at = 0; at < json.size();) {
+        const Character character = characterAt(json, at);
+        at += character.bytes.size();
+        if (character.isControl() && character.code >= 0x7f) {
+            result += "\\u00" + hex(character.bytes.back());
+        } else {
+            result += character.bytes;
+        }
+    }
+    return result;
 }
 
 bool mayColour()
@@ -34,30 +70,31 @@ bool mayColour()
 
 bool isUtf8(const std::string& text)
 {
-    JsonBuffer buffer;
-    rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator,
-                      rapidjson::kWriteValidateEncodingFlag>
-        writer(buffer);
-    return writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    for (std::size_t at = 0; at < text.size();) {
+        const Character character = characterAt(text, at);
+        if (!character.isValid) {
+            return false;
+        }
+        at += character.bytes.size();
+    }
+    return true;
 }
 
 std::string escaped(const std::string& text)
 {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {
-        const auto first = static_cast<unsigned char>(text[at]);
-        const std::string character = text.substr(at, first < 0xc0 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4);
-        if (isPlain(character)) {
-            result += character;
-            at += character.size();
-            continue;
+        const Character character = characterAt(text, at);
+        at += character.bytes.size();
+        if (character.bytes == "\\") {
+            result += "\\\\";
+        } else if (character.isValid && !character.isControl()) {
+            result += character.bytes;
+        } else {
+            for (const char byte : character.bytes) {
+                result += "\\x" + hex(byte);
+            }
         }
-        std::array<char, 5> spelled{'\\', '\\'};
-        if (first != '\\') {
-            (void)std::snprintf(spelled.data(), spelled.size(), "\\x%02x", static_cast<unsigned>(first));
-        }
-        result += spelled.data();
-        ++at;
     }
     return result;
 }
@@ -74,32 +111,24 @@ std::string styled(Style style, const std::string& text)
     if (!colour) {
         return text;
     }
-    const char* const code = style == Style::Bold ? "1" : style == Style::Dim ? "2" : "36";
+    const char* code = "36";
+    if (style == Style::Bold) {
+        code = "1";
+    } else if (style == Style::Dim) {
+        code = "2";
+    }
     return std::string("\x1b[") + code + "m" + text + "\x1b[0m";
 }
 
 void print(const std::string& text)
 {
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t written = ::write(STDOUT_FILENO, &text[done], text.size() - done);
-        if (written < 0 && errno != EINTR) {
-            throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
-        }
-        done += written < 0 ? 0 : static_cast<std::size_t>(written);
+    std::cout << text << std::flush;
+    if (!std::cout) {
+        throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
     }
 }
 
-void printError(const std::string& message) { (void)std::fprintf(stderr, "zolctl: %s\n", escaped(message).c_str()); }
-
-bool checkJson(const std::string& what, const Value& value)
-{
-    const auto* text = std::get_if<std::string>(&value);
-    const bool can = text == nullptr || isUtf8(*text);
-    if (!can) {
-        printError(what + " is not UTF-8 and is left out of the JSON; without --json it is shown");
-    }
-    return can;
-}
+void printError(const std::string& message) { std::cerr << "zolctl: " + escaped(message) + "\n"; }
 
 std::string joined(const std::vector<std::string>& words, const char* separator)
 {
@@ -108,6 +137,65 @@ std::string joined(const std::vector<std::string>& words, const char* separator)
         text += (text.empty() ? "" : separator) + word;
     }
     return text;
+}
+
+void Json::add(Node& object, const char* name, Node value)
+{
+    object.AddMember(rapidjson::StringRef(name), value, root.GetAllocator());
+}
+
+void Json::add(Node& object, const char* name, const Value& value, const std::string& what)
+{
+    if (const auto* text = std::get_if<std::string>(&value)) {
+        if (check(what, *text)) {
+            add(object, name, textNode(*text));
+        }
+    } else if (const auto* number = std::get_if<int>(&value)) {
+        add(object, name, Node(*number));
+    } else {
+        add(object, name, Node(std::get<bool>(value)));
+    }
+}
+
+void Json::append(Node& array, Node value) { array.PushBack(value, root.GetAllocator()); }
+
+void Json::append(Node& array, const std::vector<std::string>& texts)
+{
+    for (const std::string& text : texts) {
+        if (check(text, text)) {
+            append(array, textNode(text));
+        }
+    }
+}
+
+std::string Json::text(Layout layout) const
+{
+    rapidjson::StringBuffer buffer;
+    if (layout == Layout::OneLine) {
+        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+        root.Accept(writer);
+    } else {
+        rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+        writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
+        root.Accept(writer);
+    }
+    const std::string json(buffer.GetString(), buffer.GetSize());
+    return (outputIsTerminal() ? withControlsEscaped(json) : json) + "\n";
+}
+
+bool Json::check(const std::string& what, const std::string& text)
+{
+    const bool can = isUtf8(text);
+    if (!can) {
+        printError(what + " is not UTF-8 and is left out of the JSON; zolctl list shows it");
+        isComplete_ = false;
+    }
+    return can;
+}
+
+Json::Node Json::textNode(const std::string& text)
+{
+    return {text.data(), static_cast<rapidjson::SizeType>(text.size()), root.GetAllocator()};
 }
 
 }  // namespace zolctl

@@ -1,7 +1,8 @@
-// Each check runs in a process of its own, so that a call that never returns, or crashes, spoils that check only. The
-// parent makes no call into the platform, which need not work in a child of a process that has used it.
+// Each check runs in a process of its own, so that a call that hangs or crashes fails only its own check. The parent
+// itself does not call the platform, because a platform may fail in a child of a process that has used it.
 
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -38,81 +39,157 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 milliseconds timeLimit;               // of each check
-constexpr milliseconds kSlack{1000};  // what a check may take longer than what it waits for
-constexpr milliseconds kQuiet{50};    // for how long a call that must not come is waited for
+constexpr milliseconds kSlack{1000};  // what a check may take in addition to its waiting
+constexpr milliseconds kQuiet{50};    // how long a check waits for a call that must not come
+
+// Long runs of one character are counted.
+std::string shortened(const std::string& text)
+{
+    constexpr std::size_t kLongest = 20;
+    std::string result;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find_first_not_of(text[at], at), text.size());
+        const std::size_t run = end - at;
+        const std::string counted = std::string(1, text[at]) + " (" + std::to_string(run) + " times)";
+        result += run <= kLongest ? text.substr(at, run) : counted;
+        at = end;
+    }
+    return result;
+}
 
 // Throws what the platform does differently.
-void expect(const std::string& what, const std::string& expected, const std::string& came)
+void expect(const std::string& what, const std::string& expected, const std::string& got)
 {
-    if (came != expected) {
-        throw Failure(what + ": expected " + expected + ", came " + came);
+    if (got != expected) {
+        throw Failure(what + ": expected " + shortened(expected) + ", got " + shortened(got));
     }
 }
 
 void expectSuccess(const std::string& function, int result) { expect(function, "0", std::to_string(result)); }
+
+// ---- other processes ------------------------------------------------------------------------------------------------
+
+// The call that a child is making, or null. It is shared with the children, so that the parent can name a call that
+// does not return.
+std::atomic<const char*>* runningCall = nullptr;
+
+void shareRunningCall()
+{
+    void* const shared = mmap(nullptr, sizeof *runningCall, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) {
+        throw Failure(std::string("cannot share memory with other processes: ") + std::strerror(errno));
+    }
+    runningCall = new (shared) std::atomic<const char*>(nullptr);
+}
+
+template <class Function, class... Arguments>
+auto call(const char* name, Function function, const Arguments&... arguments)
+{
+    const char* const outer = runningCall->exchange(name);
+    const auto result = function(arguments...);
+    *runningCall = outer;
+    return result;
+}
 
 // A child that answers requests. It is killed in the end, and when its parent dies, whatever it is doing.
 class Process {
 public:
     using Serve = std::function<std::string(const std::string& request)>;
 
-    /// @param task  What a caller waits for.
-    Process(const char* task, milliseconds limit, const Serve& serve) : task_(task), limit_(limit)
+    Process(milliseconds limit, const Serve& serve) : limit_(limit)
     {
         std::array<int, 2> ends{};
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0 || (id_ = fork()) < 0) {
-            throw Failure(std::string("cannot start another process: ") + std::strerror(errno));
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+            throw Failure(std::string("cannot make a socket: ") + std::strerror(errno));
         }
-        socket_ = ends[id_ == 0 ? 1 : 0];
-        close(ends[id_ == 0 ? 0 : 1]);
+        *runningCall = nullptr;
+        id_ = fork();
         if (id_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            close(ends[0]);
+            socket_ = ends[1];
             run(serve);
+        }
+        close(ends[1]);
+        socket_ = ends[0];
+        if (id_ < 0) {
+            close(socket_);
+            throw Failure(std::string("cannot start another process: ") + std::strerror(errno));
         }
     }
     ~Process()
     {
         close(socket_);
-        kill(id_, SIGKILL);
-        waitpid(id_, nullptr, 0);
+        end();
     }
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    /// @throws Failure with what the child threw, or why no answer came.
-    std::string ask(const std::string& request) const
+    /// @throws Failure with what the child threw, or why it did not answer.
+    std::string ask(const std::string& request)
     {
         (void)send(socket_, request.data(), request.size(), MSG_NOSIGNAL);
         pollfd waiting{socket_, POLLIN, 0};
-        const bool inTime = poll(&waiting, 1, static_cast<int>(limit_.count())) > 0;
-        std::string text(kLongest, '\0');
-        const ssize_t size = inTime ? recv(socket_, text.data(), text.size(), 0) : 0;
-        if (size <= 0) {
-            throw Failure(task_ + ": expected its end, came " + (inTime ? "that of its process" : "none in time"));
+        if (poll(&waiting, 1, static_cast<int>(limit_.count())) <= 0) {
+            failInCall("none in time");
         }
-        text.resize(static_cast<std::size_t>(size));
-        return text[0] == '+' ? text.substr(1) : throw Failure(text.substr(1));
+        std::string answer(kLongest, '\0');
+        const ssize_t size = recv(socket_, answer.data(), answer.size(), 0);
+        if (size <= 0) {
+            failInCall(end());
+        }
+        answer.resize(static_cast<std::size_t>(size));
+        if (answer[0] != kDone) {
+            throw Failure(answer.substr(1));
+        }
+        return answer.substr(1);
     }
 
 private:
     static constexpr std::size_t kLongest = 65536;  // of an answer; the rest is cut off
+    static constexpr char kDone = '+';
+    static constexpr char kFailed = '-';
 
     [[noreturn]] void run(const Serve& serve) const noexcept
     {
         std::array<char, 16> request{};
-        for (ssize_t size = 0; (size = recv(socket_, request.data(), request.size(), 0)) > 0;) {
+        for (;;) {
+            const ssize_t size = recv(socket_, request.data(), request.size(), 0);
+            if (size <= 0) {
+                _exit(0);
+            }
             std::string answer;
             try {
-                answer = "+" + serve({request.data(), static_cast<std::size_t>(size)});
+                answer = kDone + serve({request.data(), static_cast<std::size_t>(size)});
             } catch (const std::exception& error) {
-                answer = std::string("-") + error.what();
+                answer = kFailed + std::string(error.what());
             }
             (void)send(socket_, answer.data(), std::min(answer.size(), kLongest), MSG_NOSIGNAL);
         }
-        _exit(0);
     }
 
-    std::string task_;
+    [[noreturn]] static void failInCall(const std::string& got)
+    {
+        const char* const name = runningCall->load();
+        throw Failure((name == nullptr ? std::string("outside the calls") : name) + ": expected to return, got " + got);
+    }
+
+    // Says how the process ended.
+    std::string end()
+    {
+        int status = 0;
+        if (id_ > 0) {
+            kill(id_, SIGKILL);
+            waitpid(id_, &status, 0);
+            id_ = -1;
+        }
+        if (WIFSIGNALED(status)) {
+            const int number = WTERMSIG(status);
+            return "signal " + std::to_string(number) + " (" + strsignal(number) + ")";
+        }
+        return "exit code " + std::to_string(WEXITSTATUS(status));
+    }
+
     milliseconds limit_;
     pid_t id_ = -1;
     int socket_ = -1;
@@ -122,16 +199,20 @@ private:
 
 struct Type {
     const char* getter;
-    int (*get)(const char* key, int* value);  // null for strings, as is the next one
+    int (*get)(const char* key, int* value);  // null for strings, as is the next function
+    const char* setter;
     int (*set)(const char* key, int value);
     std::array<const char*, 4> samples;
 };
 
-constexpr Type kString{
-    "vconf_get_str", nullptr, nullptr, {"first", "second", "second", "\"Gr\xc3\xbc\xc3\x9f\x65\" 100%s\n"}};
+constexpr Type kString{"vconf_get_str",
+                       nullptr,
+                       "vconf_set_str",
+                       nullptr,
+                       {"first", "second", "second", "\"Gr\xc3\xbc\xc3\x9f\x65\" 100%s\n"}};
 constexpr Type kInteger{
-    "vconf_get_int", vconf_get_int, vconf_set_int, {"7", "-2147483648", "-2147483648", "2147483647"}};
-constexpr Type kBoolean{"vconf_get_bool", vconf_get_bool, vconf_set_bool, {"1", "0", "0", "1"}};
+    "vconf_get_int", vconf_get_int, "vconf_set_int", vconf_set_int, {"7", "-2147483648", "-2147483648", "2147483647"}};
+constexpr Type kBoolean{"vconf_get_bool", vconf_get_bool, "vconf_set_bool", vconf_set_bool, {"1", "0", "0", "1"}};
 
 struct Key {
     const Type* type;
@@ -144,32 +225,46 @@ constexpr Key kFlag{&kBoolean, "memory/zolctl/selftest/flag"};
 constexpr std::array<Key, 3> kScratchKeys{kText, kNumber, kFlag};
 constexpr char kNeverWritten[] = "memory/zolctl/selftest/none";
 
+std::vector<std::string> samplesOf(const Key& key)
+{
+    std::vector<std::string> samples(key.type->samples.begin(), key.type->samples.end());
+    if (key.type == &kString) {
+        samples.emplace_back(5000, 'x');  // longer than buffers and pages usually are
+    }
+    return samples;
+}
+
 std::optional<std::string> read(const Key& key)
 {
     if (key.type == &kString) {
-        const std::unique_ptr<char, decltype(&std::free)> text(vconf_get_str(key.name), std::free);
+        const std::unique_ptr<char, decltype(&std::free)> text(call(kString.getter, vconf_get_str, key.name),
+                                                               std::free);
         return text ? std::optional<std::string>(text.get()) : std::nullopt;
     }
     int number = 0;
-    return key.type->get(key.name, &number) == 0 ? std::optional(std::to_string(number)) : std::nullopt;
+    const bool found = call(key.type->getter, key.type->get, key.name, &number) == 0;
+    return found ? std::optional(std::to_string(number)) : std::nullopt;
 }
 
-std::string shown(const Key& key) { return escaped(read(key).value_or("no value")); }
+std::string shown(const std::optional<std::string>& value) { return escaped(value.value_or("no value")); }
 
-std::string shownByLibrary(const Key& key)
+std::optional<std::string> readByLibrary(const Key& key)
 {
     if (key.type == &kBoolean) {
-        return getBool(key.name) ? "1" : "0";
+        return call("getBool", getBool, key.name) ? "1" : "0";
     }
-    std::string text;
+    if (key.type == &kString) {
+        std::string text;
+        return call("getString", getString, key.name, std::ref(text)) ? std::optional(text) : std::nullopt;
+    }
     int number = 0;
-    const bool done = key.type == &kString ? getString(key.name, text) : getInt(key.name, number);
-    return !done ? "no value" : key.type == &kString ? escaped(text) : std::to_string(number);
+    return call("getInt", getInt, key.name, std::ref(number)) ? std::optional(std::to_string(number)) : std::nullopt;
 }
 
 int tryToWrite(const Key& key, const std::string& value)
 {
-    return key.type == &kString ? vconf_set_str(key.name, value.c_str()) : key.type->set(key.name, std::stoi(value));
+    return key.type == &kString ? call(kString.setter, vconf_set_str, key.name, value.c_str())
+                                : call(key.type->setter, key.type->set, key.name, std::stoi(value));
 }
 
 void write(const Key& key, const std::string& value)
@@ -179,9 +274,14 @@ void write(const Key& key, const std::string& value)
 
 void writeByLibrary(const Key& key, const std::string& value)
 {
-    const bool done = key.type == &kString    ? setString(key.name, value)
-                      : key.type == &kBoolean ? setBool(key.name, value == "1")
-                                              : setInt(key.name, std::stoi(value));
+    bool done = false;
+    if (key.type == &kString) {
+        done = call("setString", setString, key.name, value);
+    } else if (key.type == &kBoolean) {
+        done = call("setBool", setBool, key.name, value == "1");
+    } else {
+        done = call("setInt", setInt, key.name, std::stoi(value));
+    }
     expect(std::string("writing ") + key.name + " through the library", "success", done ? "success" : "a failure");
 }
 
@@ -204,38 +304,52 @@ bool waitUntil(Condition isMet)
 struct Subscription {
     void called(const keynode_t* node, const void* userData)
     {
-        std::string call = userData != this                              ? "other user data"
-                           : node == nullptr || node->keyname == nullptr ? "a null pointer"
-                           : std::strcmp(node->keyname, key.name) != 0   ? "the keyname " + escaped(node->keyname)
-                           : key.type != &kString                        ? std::to_string(node->value.i)
-                           : node->value.s == nullptr                    ? "a null pointer"
-                                                                         : escaped(node->value.s);
-        call += act == nullptr ? "" : act(*this);
+        std::string event = describe(node, userData);
+        if (act != nullptr) {
+            event += act(*this);
+        }
         const std::lock_guard<std::mutex> guard(lock);
-        append(calls, call);
+        append(calls, event);
     }
-    /// Waits until they have come or the time is over, then a little for calls that must not come.
+    std::string describe(const keynode_t* node, const void* userData) const
+    {
+        if (userData != this) {
+            return "other user data";
+        }
+        if (node == nullptr || node->keyname == nullptr) {
+            return "a null pointer";
+        }
+        if (std::strcmp(node->keyname, key.name) != 0) {
+            return "the keyname " + escaped(node->keyname);
+        }
+        if (key.type != &kString) {
+            return std::to_string(node->value.i);
+        }
+        return node->value.s == nullptr ? "a null pointer" : escaped(node->value.s);
+    }
+    std::string callsSoFar()
+    {
+        const std::lock_guard<std::mutex> guard(lock);
+        return calls.empty() ? "none" : calls;
+    }
+    /// Waits for these calls until the time is over, then a little for calls that must not come.
     void expectCalls(const std::string& expected)
     {
-        const auto came = [&] {
-            const std::lock_guard<std::mutex> guard(lock);
-            return calls.empty() ? "none" : calls;
-        };
-        waitUntil([&] { return came() == expected; });
+        waitUntil([&] { return callsSoFar() == expected; });
         std::this_thread::sleep_for(kQuiet);
-        expect("calls of the handler", expected, came());
+        expect("calls of the handler", expected, callsSoFar());
     }
-    int tryToEnd() const { return vconf_ignore_key_changed(key.name, handler); }
+    int tryToEnd() const { return call("vconf_ignore_key_changed", vconf_ignore_key_changed, key.name, handler); }
     void end() const { expectSuccess("vconf_ignore_key_changed", tryToEnd()); }
 
     Key key{};
     vconf_callback_fn handler = nullptr;
     std::string (*act)(const Subscription&) = nullptr;  // the result follows the value in the list of calls
-    std::mutex lock;
+    std::mutex lock;                                    // of the calls
     std::string calls;
 };
 
-// They stay as long as the process: a platform may go on calling after a subscription has ended.
+// Never destroyed while the process runs: a platform may go on calling after a subscription has ended.
 std::array<Subscription, 2> subscriptions;
 
 template <std::size_t number = 0>
@@ -245,7 +359,8 @@ Subscription& subscribe(const Key& key, std::string (*act)(const Subscription&) 
     self.key = key;
     self.act = act;
     self.handler = [](keynode_t* node, void* userData) { subscriptions[number].called(node, userData); };
-    expectSuccess("vconf_notify_key_changed", vconf_notify_key_changed(key.name, self.handler, &self));
+    constexpr char kName[] = "vconf_notify_key_changed";
+    expectSuccess(kName, call(kName, vconf_notify_key_changed, key.name, self.handler, &self));
     return self;
 }
 
@@ -253,11 +368,11 @@ Subscription& subscribe(const Key& key, std::string (*act)(const Subscription&) 
 
 void isReadAsWritten(const Key& key)
 {
-    for (const auto& byEitherWay : {write, writeByLibrary}) {
-        for (const char* value : key.type->samples) {
-            byEitherWay(key, value);
-            expect(key.type->getter, escaped(value), shown(key));
-            expect(std::string(key.name) + " read through the library", escaped(value), shownByLibrary(key));
+    for (const auto& writeEitherWay : {write, writeByLibrary}) {
+        for (const std::string& value : samplesOf(key)) {
+            writeEitherWay(key, value);
+            expect(key.type->getter, escaped(value), shown(read(key)));
+            expect(std::string(key.name) + " read through the library", escaped(value), shown(readByLibrary(key)));
         }
     }
 }
@@ -265,10 +380,10 @@ void isReadAsWritten(const Key& key)
 void cannotBeRead(const Key& key)
 {
     const std::string getter = key.type->getter;
-    expect(getter, "no value", shown(key));
+    expect(getter, "no value", shown(read(key)));
     if (key.type != &kString) {
         int value = -77;
-        (void)key.type->get(key.name, &value);
+        (void)call(key.type->getter, key.type->get, key.name, &value);
         expect("the value after a failed " + getter, "-77", std::to_string(value));
     }
 }
@@ -290,36 +405,36 @@ void writeReplacesType(const Key& key)
     for (const Type* type : {&kInteger, &kBoolean, &kString}) {
         write(key, "1");
         write({type, key.name}, "0");
-        expect(type->getter, "0", shown({type, key.name}));
+        expect(type->getter, "0", shown(read({type, key.name})));
     }
     cannotBeRead({&kBoolean, key.name});
 }
 
-// Reads the scratch number, or writes the one that it is sent and answers the result. Is to be made before the check
+// Reads the scratch number, or writes the one that it is sent and answers the result. Construct it before the check
 // itself uses the platform.
 struct OtherProcess : Process {
-    OtherProcess() : Process("a call in another process", timeLimit, serve) {}
+    OtherProcess() : Process(timeLimit, serve) {}
     static std::string serve(const std::string& request)
     {
-        return request == "read" ? shown(kNumber) : std::to_string(tryToWrite(kNumber, request));
+        return request == "read" ? shown(read(kNumber)) : std::to_string(tryToWrite(kNumber, request));
     }
-    void write(const std::string& value) const { expect("vconf_set_int in another process", "0", ask(value)); }
+    void write(const std::string& value) { expect("vconf_set_int in another process", "0", ask(value)); }
 };
 
 void otherProcessReads(const Key& key)
 {
-    const OtherProcess other;
-    for (const char* value : key.type->samples) {
+    OtherProcess other;
+    for (const std::string& value : samplesOf(key)) {
         write(key, value);
         expect("vconf_get_int in another process", value, other.ask("read"));
     }
 }
 
-void isToldOfChanges(const Key& key)
+void handlerSeesChanges(const Key& key)
 {
     Subscription& subscription = subscribe(key);
     std::string expected;
-    for (const char* value : key.type->samples) {
+    for (const std::string& value : samplesOf(key)) {
         write(key, value);
         append(expected, escaped(value));
     }
@@ -327,9 +442,9 @@ void isToldOfChanges(const Key& key)
     subscription.end();
 }
 
-void isToldOfOtherProcess(const Key& key)
+void handlerSeesOtherProcess(const Key& key)
 {
-    const OtherProcess other;
+    OtherProcess other;
     Subscription& subscription = subscribe(key);
     other.write("3");
     other.write("4");
@@ -357,19 +472,20 @@ void endedSubscriptionIsSilent(const Key& key)
 
 void noSubscriptionCannotEnd(const Key& key)
 {
-    const auto tellOf = [](int result) { return result == 0 ? "0" : "a failure"; };
+    const auto describe = [](int result) { return result == 0 ? "0" : "a failure"; };
     const vconf_callback_fn other = [](keynode_t* /*node*/, void* /*userData*/) {};
-    const Subscription& subscription = subscribe(key);
+    Subscription& subscription = subscribe(key);
+    constexpr char kName[] = "vconf_ignore_key_changed";
     expect("vconf_ignore_key_changed for another handler", "a failure",
-           tellOf(vconf_ignore_key_changed(key.name, other)));
+           describe(call(kName, vconf_ignore_key_changed, key.name, other)));
     subscription.end();
-    expect("vconf_ignore_key_changed for the second time", "a failure", tellOf(subscription.tryToEnd()));
+    expect("vconf_ignore_key_changed for the second time", "a failure", describe(subscription.tryToEnd()));
 }
 
 void handlerMayCall(const Key& key)
 {
     Subscription& subscription = subscribe(key, [](const Subscription& self) {
-        const std::string text = shown(kText);
+        const std::string text = shown(read(kText));
         const int result = tryToWrite(kFlag, "1");
         return " (reads " + text + ", writes with " + std::to_string(result) + ", unsubscribes with " +
                std::to_string(self.tryToEnd()) + ")";
@@ -381,12 +497,12 @@ void handlerMayCall(const Key& key)
     }
 }
 
-// The change is another process's: a platform may call the handlers from within the call that writes.
+// Another process makes the change, because a platform may call the handlers from within the call that writes.
 void endDoesNotWait(const Key& key)
 {
     static std::atomic<bool> isInHandler{false};
     static std::atomic<bool> isReleased{false};
-    const OtherProcess other;
+    OtherProcess other;
     Subscription& subscription = subscribe(key, [](const Subscription& /*self*/) -> std::string {
         isInHandler = true;
         return waitUntil([] { return isReleased.load(); }) ? " (not waited for)" : " (waited for)";
@@ -416,10 +532,10 @@ constexpr std::array kChecks = {
     Check{"no integer is read where there is a string or a boolean", otherTypeCannotBeRead, kNumber},
     Check{"no boolean is read where there is a string or an integer", otherTypeCannotBeRead, kFlag},
     Check{"a write of another type replaces value and type", writeReplacesType, kText},
-    Check{"a handler is called once for each change of a string, in order", isToldOfChanges, kText},
-    Check{"a handler is called once for each change of an integer, in order", isToldOfChanges, kNumber},
-    Check{"a handler is called once for each change of a boolean, in order", isToldOfChanges, kFlag},
-    Check{"a handler is called for the changes by another process", isToldOfOtherProcess, kNumber},
+    Check{"a handler is called once for each change of a string, in order", handlerSeesChanges, kText},
+    Check{"a handler is called once for each change of an integer, in order", handlerSeesChanges, kNumber},
+    Check{"a handler is called once for each change of a boolean, in order", handlerSeesChanges, kFlag},
+    Check{"a handler is called for the changes by another process", handlerSeesOtherProcess, kNumber},
     Check{"a key without a value can be subscribed to", noValueCanBeSubscribed, {&kString, kNeverWritten}},
     Check{"no call comes for an ended subscription, and all for another of its key", endedSubscriptionIsSilent,
           kNumber},
@@ -430,34 +546,37 @@ constexpr std::array kChecks = {
 
 // ---- running them ---------------------------------------------------------------------------------------------------
 
-// Reads the scratch keys and answers which of them hold nothing; later sets them back.
+// Reads the scratch keys and answers which of them have no value; restores them later.
 std::string serveScratchKeys(const std::string& request)
 {
     static std::vector<std::pair<Key, std::string>> saved;
-    if (request == "set back") {
-        const auto isRefused = [](const auto& each) { return tryToWrite(each.first, each.second) != 0; };
-        return std::count_if(saved.begin(), saved.end(), isRefused) == 0
-                   ? ""
-                   : throw Failure("the platform refused to set back a scratch key: " + platformReason());
+    if (request == "restore") {
+        for (const auto& [key, value] : saved) {
+            expectSuccess(std::string("restoring ") + key.name, tryToWrite(key, value));
+        }
+        return "";
     }
     std::string without;
     for (const Key& key : kScratchKeys) {
         std::optional<std::string> found;
-        for (const Type* type : {key.type, &kString, &kInteger, &kBoolean}) {  // whatever somebody has left there
-            if (!found && (found = read({type, key.name}))) {
-                saved.push_back({{type, key.name}, *found});
+        for (const Type* type : {&kString, &kInteger, &kBoolean}) {  // somebody else may have written another type
+            const Key typed{type, key.name};
+            const std::optional<std::string> value = found ? std::nullopt : read(typed);
+            if (value) {
+                saved.emplace_back(typed, *value);
+                found = value;
             }
         }
         if (!found) {
-            saved.emplace_back(key, key.type == &kString ? "-" : "0");  // the platform has no call that removes a key
+            saved.emplace_back(key, key.type == &kString ? "-" : "0");  // the platform cannot remove a key
             append(without, key.name);
         }
     }
     return without;
 }
 
-// What went wrong, if anything did.
-std::string faultOf(const Process& process, const char* request)
+// What went wrong, or an empty text.
+std::string faultOf(Process& process, const char* request)
 {
     try {
         process.ask(request);
@@ -472,16 +591,17 @@ std::string faultOf(const Process& process, const char* request)
 int selftest(double timeout)
 {
     timeLimit = milliseconds(static_cast<int>(timeout * 1000));
-    sigset_t held{};  // would end the tool before the keys are set back
+    sigset_t held{};  // signals that would otherwise end the tool before the keys are restored
     sigemptyset(&held);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
         sigaddset(&held, number);
     }
     sigprocmask(SIG_BLOCK, &held, nullptr);
-    const Process keys("a call that reads or sets back a scratch key", timeLimit + kSlack, serveScratchKeys);
-    const std::string without = keys.ask("save");
+    shareRunningCall();
+    Process keeper(timeLimit + kSlack, serveScratchKeys);
+    const std::string without = keeper.ask("save");
 
-    std::size_t made = 0;
+    std::size_t passed = 0;
     std::size_t failed = 0;
     std::string endedBy;
     try {
@@ -490,28 +610,32 @@ int selftest(double timeout)
             if (sigtimedwait(&held, nullptr, &noTime) > 0) {
                 throw Failure("interrupted");
             }
-            const Process process("a call into the platform", timeLimit + kSlack, [&](const std::string& /*request*/) {
+            Process process(timeLimit + kSlack, [&](const std::string& /*request*/) {
                 deadline = Clock::now() + timeLimit;
                 check.run(check.key);
                 return "";
             });
             const std::string fault = faultOf(process, "run");
-            ++made;
-            failed += fault.empty() ? 0 : 1;
-            print(fault.empty() ? std::string("ok   ") + check.promise + "\n"
-                                : std::string("FAIL ") + check.promise + " (" + fault + ")\n");
+            const std::string promise = check.promise;
+            if (fault.empty()) {
+                ++passed;
+                print("ok   " + promise + "\n");
+            } else {
+                ++failed;
+                print("FAIL " + promise + " (" + fault + ")\n");
+            }
         }
     } catch (const Failure& failure) {
         endedBy = failure.what();
     }
-    const std::string problem = faultOf(keys, "set back");
+    const std::string problem = faultOf(keeper, "restore");
     sigprocmask(SIG_UNBLOCK, &held, nullptr);  // ends the tool if the reader of its output has gone
 
     if (problem.empty() && !without.empty()) {
         print("These keys had no value and keep a meaningless one until the machine restarts: " + without + "\n");
     }
-    print(std::to_string(made - failed) + " of " + std::to_string(kChecks.size()) + " checks hold, " +
-          std::to_string(failed) + " fail, " + std::to_string(kChecks.size() - made) + " not made\n");
+    print(std::to_string(passed) + " of " + std::to_string(kChecks.size()) + " checks hold, " + std::to_string(failed) +
+          " fail, " + std::to_string(kChecks.size() - passed - failed) + " skipped\n");
     for (const std::string& message : {problem, endedBy}) {
         if (!message.empty()) {
             printError(message);

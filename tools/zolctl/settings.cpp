@@ -1,5 +1,8 @@
 #include "settings.h"
 
+#include <fnmatch.h>
+#include <strings.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -120,6 +123,13 @@ bool Setting::watchable() const
     return std::visit([](const auto& each) { return each.watch != nullptr; }, operations);
 }
 bool Setting::isAppList() const { return key == std::string(key::ZOLConcurrentAppList); }
+bool Setting::isCalled(const std::string& word) const
+{
+    const auto is = [&](const std::string& known) {
+        return known.size() == word.size() && strcasecmp(known.c_str(), word.c_str()) == 0;
+    };
+    return is(name) || is(key);
+}
 
 std::vector<std::string> Setting::access() const
 {
@@ -135,7 +145,7 @@ std::vector<std::string> Setting::access() const
 std::string nearest(const std::string& word, const std::vector<std::string>& words)
 {
     std::string found;
-    std::size_t least = word.size() / 3 + 2;  // further away than that, it was no slip of the finger
+    std::size_t least = word.size() / 3 + 2;  // anything further away was probably not meant
     for (const std::string& each : words) {
         const std::size_t distance = word.size() > 100 ? least : editDistance(word, each);
         if (distance < least) {
@@ -150,7 +160,7 @@ const Setting& findSetting(const std::string& name)
 {
     std::vector<std::string> names;
     for (const Setting& setting : allSettings()) {
-        if (name == setting.name || name == setting.key) {
+        if (setting.isCalled(name)) {
             return setting;
         }
         names.emplace_back(setting.name);
@@ -158,6 +168,19 @@ const Setting& findSetting(const std::string& name)
     const std::string meant = nearest(name, names);
     throw UsageError("unknown setting " + name.substr(0, 100) + "; " +
                      (meant.empty() ? "zolctl list shows them all" : "did you mean " + meant + "?"));
+}
+
+std::vector<const Setting*> settingsLike(const std::string& pattern)
+{
+    const std::string part = "*" + pattern + "*";
+    std::vector<const Setting*> found;
+    for (const Setting& setting : allSettings()) {
+        if (fnmatch(part.c_str(), setting.name, FNM_CASEFOLD) == 0 ||
+            fnmatch(part.c_str(), setting.key, FNM_CASEFOLD) == 0) {
+            found.push_back(&setting);
+        }
+    }
+    return found;
 }
 
 }  // namespace zolctl

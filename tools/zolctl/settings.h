@@ -54,6 +54,8 @@ struct Setting {
     bool writable() const;
     bool watchable() const;
     bool isAppList() const;
+    /// Whether the word is its name or key, in any case.
+    bool isCalled(const std::string& word) const;
     /// What the library lets its callers do: "read", "write", "watch".
     std::vector<std::string> access() const;
 };
@@ -65,6 +67,9 @@ const std::vector<Setting>& allSettings();
 /// @throws UsageError for an unknown one, with the nearest name.
 const Setting& findSetting(const std::string& name);
 
+/// Those whose name or key contains the pattern, with the shell's wildcards and in any case.
+std::vector<const Setting*> settingsLike(const std::string& pattern);
+
 /// The one of the words that was probably meant, or an empty one.
 std::string nearest(const std::string& word, const std::vector<std::string>& words);
 
@@ -75,12 +80,21 @@ Value parseValue(const Setting& setting, const std::string& text);
 /// What a person reads: on or off, the number, or the text as it is.
 std::string toText(const Value& value);
 
-/// Reads through the library's getter, or by key where it has none; nothing when there is no value of its type.
+/// What reading a setting found.
+struct Reading {
+    std::optional<Value> value;
+    std::string otherType;  // "a string" if the key holds a value of another type than the setting's
+};
+
+/// Reads through the library's getter, or by key where it has none.
 /// @throws NoStore when the store cannot be used.
-std::optional<Value> read(const Setting& setting);
+Reading read(const Setting& setting);
+
+/// Says that a setting holds a value of another type.
+std::string otherTypeMessage(const Setting& setting, const Reading& reading);
 
 /// Why there was nothing to read, and what to do.
-std::string whyNoValue(const Setting& setting);
+std::string whyNoValue(const Setting& setting, const Reading& reading);
 
 /// Writes through the library's setter, which the setting must have.
 /// @throws Failure when the platform refused this write, NoStore when the store cannot be used.
@@ -89,9 +103,9 @@ void write(const Setting& setting, const Value& value);
 /// Writes the key itself, as the platform would. Throws the same.
 void inject(const Setting& setting, const Value& value);
 
-/// Throws the same if the platform has just not taken a call for the setting.
-/// @param what  What did not happen to the setting.
-void checkTaken(const Setting& setting, bool taken, const char* what = "written");
+/// Throws Failure or NoStore if the platform refused.
+/// @param action  For the message: "written" or "watched".
+void checkAccepted(const Setting& setting, bool accepted, const char* action = "written");
 
 }  // namespace zolctl
 

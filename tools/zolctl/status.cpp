@@ -1,10 +1,11 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include "commands.h"
@@ -17,85 +18,92 @@ namespace fs = std::filesystem;
 namespace zolctl {
 namespace {
 
-// What cannot be looked at, because it is another user's or has ended meanwhile, is left out.
-template <class Function>
-void forEachIn(const fs::path& folder, Function function)
-{
-    std::error_code error;
-    for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
-        function(at->path());
-    }
-}
-
 // In KiB, on the disk.
 std::uintmax_t sizeOf(const fs::path& folder)
 {
     std::uintmax_t blocks = 0;  // of 512 bytes
-    forEachIn(folder, [&](const fs::path& file) {
+    std::error_code error;
+    for (fs::directory_iterator file(folder, error), end; file != end; file.increment(error)) {
         struct stat status {};
-        blocks += lstat(file.c_str(), &status) == 0 ? static_cast<std::uintmax_t>(status.st_blocks) : 0;
-    });
+        if (lstat(file->path().c_str(), &status) == 0) {
+            blocks += static_cast<std::uintmax_t>(status.st_blocks);
+        }
+    }
     return (blocks + 1) / 2;
 }
 
-// The other processes that have a file in that folder open.
-std::string usersOf(const fs::path& folder)
+std::string describeFolder(const std::string& folder)
 {
-    std::error_code error;
-    const fs::path canonical = fs::canonical(folder, error);
-    std::string users;
-    forEachIn("/proc", [&](const fs::path& process) {
-        const std::string id = process.filename();
-        bool uses = false;
-        if (std::isdigit(static_cast<unsigned char>(id[0])) != 0 && id != std::to_string(getpid())) {
-            forEachIn(process / "fd", [&](const fs::path& file) {
-                uses = uses || fs::read_symlink(file, error).parent_path() == canonical;
-            });
-        }
-        if (uses) {
-            std::string name;
-            std::getline(std::ifstream(process / "comm"), name);
-            users += (users.empty() ? "" : ", ") + id + " (" + escaped(name) + ")";
-        }
-    });
-    return users.empty() ? "only this one" : users;
+    if (folder.empty()) {
+        return "  folder     not known on this platform\n";
+    }
+    return "  folder     " + escaped(folder) + "\n  size       " + std::to_string(sizeOf(folder)) +
+           " KiB\n  processes  " + escaped(usersOf(folder)) + "\n";
 }
 
-// One half of the store: the settings whose keys begin with "memory/", or all others.
-bool printHalf(const char* title, bool isVolatile)
+std::string describeSettings(const std::vector<const Setting*>& settings)
 {
-    std::string text = std::string(title) + "\n";
-    try {
-        std::size_t all = 0;
-        std::size_t withValue = 0;
-        std::string folder;
-        for (const Setting& setting : allSettings()) {
-            if ((std::string(setting.key).rfind("memory/", 0) == 0) == isVolatile) {
-                folder = all++ == 0 ? checkStore(setting.key) : folder;
-                withValue += read(setting) ? 1 : 0;
-            }
+    std::size_t withValue = 0;
+    std::string others;
+    for (const Setting* setting : settings) {
+        const Reading reading = read(*setting);
+        withValue += reading.value ? 1 : 0;
+        if (!reading.otherType.empty()) {
+            others += "; " + otherTypeMessage(*setting, reading);
         }
-        text += "  folder     " + (folder.empty() ? "not known on this platform" : escaped(folder)) +
-                "\n  state      can be used\n";
-        if (!folder.empty()) {
-            text += "  size       " + std::to_string(sizeOf(folder)) + " KiB\n  processes  " + usersOf(folder) + "\n";
-        }
-        print(text + "  settings   " + std::to_string(withValue) + " of " + std::to_string(all) + " have a value\n");
-        return true;
-    } catch (const NoStore& error) {
-        print(text + "  state      " + escaped(error.what()) + "\n");
-        return false;
     }
+    return "  settings   " + std::to_string(withValue) + " of " + std::to_string(settings.size()) + " have a value" +
+           others + "\n";
+}
+
+bool printStore(const char* title, bool isVolatile)
+{
+    std::vector<const Setting*> settings;
+    for (const Setting& setting : allSettings()) {
+        if ((std::string(setting.key).rfind("memory/", 0) == 0) == isVolatile) {
+            settings.push_back(&setting);
+        }
+    }
+    std::string text;
+    bool isUsable = true;
+    try {
+        const std::string folder = checkStore(settings.front()->key);
+        text = "  state      can be used\n" + describeFolder(folder) + describeSettings(settings);
+    } catch (const NoStore& error) {
+        text = "  state      " + escaped(error.what()) + "\n";
+        isUsable = false;
+    }
+    print(std::string(title) + "\n" + text);
+    return isUsable;
+}
+
+// Where programs on the desk platform log with that ZOL_DLOG.
+std::string logTarget(const std::string& log)
+{
+    if (log.empty() || log == "stderr") {
+        return "standard error";
+    }
+    if (log == "off") {
+        return "none";
+    }
+    // The reads above have created the file if that is possible.
+    const int file = open(log.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (file < 0) {
+        return "standard error, since " + log + " cannot be opened: " + std::strerror(errno);
+    }
+    close(file);
+    return log;
 }
 
 }  // namespace
 
-int status(const std::string& logTarget)
+int status(const std::string& log)
 {
-    const bool lasting = printHalf("permanent settings", false);
-    const bool inMemory = printHalf("settings under memory/, lost at restart", true);
-    print("log of programs\n  target     " + escaped(logTarget) + "\n");
-    return lasting && inMemory ? 0 : kExitNoStore;
+    const bool persistentIsUsable = printStore("persistent store", false);
+    const bool volatileIsUsable = printStore("volatile store, for keys under memory/; lost at restart", true);
+    print("log of programs\n  target     " + (isDesk() ? escaped(logTarget(log)) : "not known on this platform") +
+          "\n");
+    return persistentIsUsable && volatileIsUsable ? 0 : kExitNoStore;
 }
 
 }  // namespace zolctl

@@ -17,6 +17,37 @@ int injectBy(const char* key, bool value) { return vconf_set_bool(key, value ? 1
 int injectBy(const char* key, int value) { return vconf_set_int(key, value); }
 int injectBy(const char* key, const std::string& value) { return vconf_set_str(key, value.c_str()); }
 
+std::optional<Value> readOwnType(const Setting& setting)
+{
+    if (const auto* texts = std::get_if<Operations<std::string>>(&setting.operations)) {
+        std::string text;
+        return texts->get(text) ? std::optional<Value>(std::move(text)) : std::nullopt;
+    }
+    int number = 0;
+    if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {
+        const bool found = numbers->get != nullptr ? numbers->get(number) : getInt(setting.key, number);
+        return found ? std::optional<Value>(number) : std::nullopt;
+    }
+    if (std::get<Operations<bool>>(setting.operations).get()) {
+        return true;
+    }
+    // The getter returns false also when the key cannot be read.
+    return vconf_get_bool(setting.key, &number) == 0 ? std::optional<Value>(number == 1) : std::nullopt;
+}
+
+// "a string", or an empty text where there is no value.
+std::string typeHeld(const char* key)
+{
+    int number = 0;
+    if (std::unique_ptr<char, decltype(&std::free)>(vconf_get_str(key), std::free)) {
+        return "a string";
+    }
+    if (vconf_get_int(key, &number) == 0) {
+        return "an integer";
+    }
+    return vconf_get_bool(key, &number) == 0 ? "a boolean" : "";
+}
+
 }  // namespace
 
 Value parseValue(const Setting& setting, const std::string& text)
@@ -48,79 +79,69 @@ Value parseValue(const Setting& setting, const std::string& text)
 
 std::string toText(const Value& value)
 {
-    const auto* const on = std::get_if<bool>(&value);
-    const auto* const number = std::get_if<int>(&value);
-    return on != nullptr       ? (*on ? "on" : "off")
-           : number != nullptr ? std::to_string(*number)
-                               : std::get<std::string>(value);
+    if (const auto* on = std::get_if<bool>(&value)) {
+        return *on ? "on" : "off";
+    }
+    if (const auto* number = std::get_if<int>(&value)) {
+        return std::to_string(*number);
+    }
+    return std::get<std::string>(value);
 }
 
-std::optional<Value> read(const Setting& setting)
+Reading read(const Setting& setting)
 {
-    std::optional<Value> found;
-    int number = 0;
-    bool done = true;
-    if (const auto* texts = std::get_if<Operations<std::string>>(&setting.operations)) {
-        std::string text;
-        done = texts->get(text);
-        found = std::move(text);
-    } else if (const auto* numbers = std::get_if<Operations<int>>(&setting.operations)) {
-        done = numbers->get != nullptr ? numbers->get(number) : getInt(setting.key, number);
-        found = number;
-    } else {
-        const bool on = std::get<Operations<bool>>(setting.operations).get();  // false also for what cannot be read
-        done = on || vconf_get_bool(setting.key, &number) == 0;
-        found = on || number == 1;
+    const std::optional<Value> value = readOwnType(setting);
+    if (value) {
+        return {value, ""};
     }
-    if (!done) {
-        checkStore(setting.key);
-        found.reset();
-    }
-    return found;
+    checkStore(setting.key);
+    return {std::nullopt, typeHeld(setting.key)};
 }
 
-std::string whyNoValue(const Setting& setting)
+std::string otherTypeMessage(const Setting& setting, const Reading& reading)
 {
-    int number = 0;
-    const char* other = nullptr;
-    if (std::unique_ptr<char, decltype(&std::free)>(vconf_get_str(setting.key), std::free)) {
-        other = "a string";
-    } else if (vconf_get_int(setting.key, &number) == 0) {
-        other = "an integer";
-    } else if (vconf_get_bool(setting.key, &number) == 0) {
-        other = "a boolean";
-    }
-    const std::string what = other == nullptr ? "has no value" : std::string("holds ") + other + ", not its own type";
-    return std::string(setting.name) + " " + what + "; write one with zolctl " +
-           (setting.isAppList() ? "concurrent enable APPID"
-                                : (setting.writable() ? "set " : "inject ") + std::string(setting.name) + " VALUE");
+    return std::string(setting.name) + " holds " + reading.otherType + ", not its own type (" + setting.type() + ")";
 }
 
-void checkTaken(const Setting& setting, bool taken, const char* what)
+std::string whyNoValue(const Setting& setting, const Reading& reading)
 {
-    if (!taken) {
+    const std::string name = setting.name;
+    std::string command = (setting.writable() ? "set " : "inject ") + name + " VALUE";
+    if (setting.isAppList()) {
+        command = "concurrent enable APPID";
+    }
+    return (reading.otherType.empty() ? name + " has no value" : otherTypeMessage(setting, reading)) +
+           "; write one with zolctl " + command;
+}
+
+void checkAccepted(const Setting& setting, bool accepted, const char* action)
+{
+    if (!accepted) {
         const std::string reason = platformReason();
         checkStore(setting.key);
-        throw Failure(std::string(setting.name) + " was not " + what + ", because the platform refused it: " + reason);
+        throw Failure(std::string(setting.name) + " was not " + action +
+                      ", because the platform refused it: " + reason);
     }
 }
 
 void write(const Setting& setting, const Value& value)
 {
-    const bool taken = std::visit(
+    const WaitNotice notice(setting.key);
+    const bool accepted = std::visit(
         [&](const auto& operations) {
             using Type = typename std::decay_t<decltype(operations)>::Type;
             const bool done = operations.set(std::get<Type>(value));
-            // A string setter says yes even if the platform refused the write.
+            // A string setter returns true even if the platform refused the write.
             return done && (!std::is_same_v<Type, std::string> || lastTextWrite().result == 0);
         },
         setting.operations);
-    checkTaken(setting, taken);
+    checkAccepted(setting, accepted);
 }
 
 void inject(const Setting& setting, const Value& value)
 {
-    checkTaken(setting, std::visit([&](const auto& each) { return injectBy(setting.key, each) == 0; }, value));
+    const WaitNotice notice(setting.key);
+    checkAccepted(setting, std::visit([&](const auto& each) { return injectBy(setting.key, each) == 0; }, value));
 }
 
 }  // namespace zolctl

@@ -1,27 +1,24 @@
-// Threads: the platform's thread calls back and puts events into a queue, with their times; one thread prints them; the
-// main thread waits for that one's end or the deadline; a last one waits for the end of who reads the output. A signal
-// simply ends the process, so nothing is unregistered. The queue lasts as long as the process.
+// The platform's thread puts events into a queue, with their times; the main thread prints them. A signal simply ends
+// the process, so nothing is unregistered. The queue lasts as long as the process.
 
 #include <poll.h>
-#include <rapidjson/writer.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <deque>
-#include <future>
+#include <iostream>
 #include <iterator>
 #include <mutex>
 #include <set>
-#include <thread>
 #include <utility>
 
 #include "commands.h"
@@ -33,20 +30,22 @@ namespace zolctl {
 namespace {
 
 using Clock = std::chrono::system_clock;
+using Deadline = std::chrono::steady_clock::time_point;
 
 struct Event {
     Clock::time_point time;
-    const Setting* setting = nullptr;  // null where changes were passed over
+    const Setting* setting = nullptr;  // null if this is a report of the platform
     Value value;
-    std::uint64_t passedOver = 0;
+    std::string problem;  // why changes can no longer be delivered; empty if writes were dropped
+    std::uint64_t dropped = 0;
 };
 
 // ---- the queue ------------------------------------------------------------------------------------------------------
 
 struct Queue {
     std::mutex lock;  // of the events
-    std::condition_variable added;
     std::deque<Event> events;
+    int added = eventfd(0, EFD_CLOEXEC);  // readable after an event was added
 };
 Queue& theQueue()
 {
@@ -59,36 +58,71 @@ void push(Event event)
     Queue& queue = theQueue();
     const std::lock_guard<std::mutex> guard(queue.lock);
     queue.events.push_back(std::move(event));
-    queue.added.notify_one();
+    eventfd_write(queue.added, 1);
 }
 
-Event take()
+std::optional<Event> pop()
 {
     Queue& queue = theQueue();
-    std::unique_lock<std::mutex> guard(queue.lock);
-    queue.added.wait(guard, [&] { return !queue.events.empty(); });
+    const std::lock_guard<std::mutex> guard(queue.lock);
+    if (queue.events.empty()) {
+        return std::nullopt;
+    }
     Event event = std::move(queue.events.front());
     queue.events.pop_front();
     return event;
 }
 
+// As a write would, also while there is nothing to write.
+[[noreturn]] void endWithReader()
+{
+    (void)std::raise(SIGPIPE);
+    // cppcheck-suppress unreachableCode ; where that signal is ignored
+    std::_Exit(kExitFailed);
+}
+
+// Waits until an event may have been added or the time is over. The process ends when the reader of its output does.
+void waitForEvent(std::chrono::milliseconds limit)
+{
+    constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24);
+    std::array<pollfd, 2> files{{{theQueue().added, POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
+    const int ready = poll(files.data(), files.size(), static_cast<int>(std::min(limit, kLongest).count()));
+    if (ready > 0 && files[1].revents != 0) {
+        endWithReader();
+    }
+    if (ready > 0) {
+        eventfd_t ignored = 0;
+        eventfd_read(theQueue().added, &ignored);
+    }
+}
+
+// Nothing when the time is over.
+std::optional<Event> take(const std::optional<Deadline>& deadline)
+{
+    for (;;) {
+        auto left = std::chrono::milliseconds::max();
+        if (deadline) {
+            left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Deadline::clock::now());
+        }
+        if (left.count() <= 0) {
+            return std::nullopt;
+        }
+        if (std::optional<Event> event = pop()) {
+            return event;
+        }
+        waitForEvent(left);
+    }
+}
+
 template <class Type>
 void onChange(Type value, void* setting)
 {
-    push({Clock::now(), static_cast<const Setting*>(setting), std::move(value)});
+    push({Clock::now(), static_cast<const Setting*>(setting), std::move(value), "", 0});
 }
 
-// The platform says in its log alone that this process fell behind, on the thread that then calls back, and that it
-// can tell of no more changes.
-void onPlatformLog(const std::string& line)
+void onReport(const std::string& problem, std::uint64_t dropped)
 {
-    const std::size_t end = line.find(" writes are passed over");
-    if (end != std::string::npos) {
-        const std::size_t space = line.rfind(' ', end - 1);
-        push({Clock::now(), nullptr, {}, std::strtoull(&line[space + 1], nullptr, 10)});
-    } else if (line.rfind("delivery: ", 0) == 0) {
-        printError(line);
-    }
+    push({Clock::now(), nullptr, {}, problem, dropped});
 }
 
 void subscribe(const Setting& setting)
@@ -100,7 +134,7 @@ void subscribe(const Setting& setting)
             return operations.watch(onChange<Type>, const_cast<Setting*>(&setting)) == 1;
         },
         setting.operations);
-    checkTaken(setting, done, "watched");
+    checkAccepted(setting, done, "watched");
 }
 
 // ---- printing -------------------------------------------------------------------------------------------------------
@@ -131,16 +165,13 @@ std::vector<std::string> missingFrom(const Apps& these, const Apps& those)
 struct Printer {
     bool json;
     bool diff;
-    Apps apps;            // that were on before
-    bool failed = false;  // whether a value had to be left out
+    Apps apps;  // that were on before
+    bool isComplete = true;
 
     std::string line(const Event& event)
     {
         if (event.setting == nullptr) {
-            const std::string number = std::to_string(event.passedOver);
-            return json ? R"({"time":")" + textOf(event.time, true) + R"(","passedOver":)" + number + "}\n"
-                        : textOf(event.time, false) + "  (" + number +
-                              " writes were passed over because this watcher fell behind)\n";
+            return reportLine(event);
         }
         if (diff && event.setting->isAppList()) {
             return diffLine(event);
@@ -148,27 +179,27 @@ struct Printer {
         if (!json) {
             return textLine(event, escaped(toText(event.value)));
         }
-        return jsonLine(event, [&](auto& writer) { return writeMember(writer, "value", *event.setting, event.value); });
+        Json object(rapidjson::kObjectType);
+        addTime(object, event);
+        object.add(object.root, "name", event.setting->name, "");
+        object.add(object.root, "value", event.value, event.setting->name);
+        return jsonLine(object);
     }
 
-    static std::string textLine(const Event& event, const std::string& what)
+private:
+    std::string reportLine(const Event& event) const
     {
-        return textOf(event.time, false) + "  " + styled(Style::Name, event.setting->name) + "  " + what + "\n";
-    }
-
-    template <class WriteRest>
-    std::string jsonLine(const Event& event, WriteRest writeRest)
-    {
-        JsonBuffer buffer;
-        rapidjson::Writer<JsonBuffer> writer(buffer);
-        writer.StartObject();
-        writer.Key("time");
-        writeJson(writer, textOf(event.time, true));
-        writer.Key("name");
-        writer.String(event.setting->name);
-        failed = !writeRest(writer) || failed;
-        writer.EndObject();
-        return toString(buffer) + "\n";
+        if (!event.problem.empty()) {
+            throw NoStore("the store cannot be used: " + event.problem);
+        }
+        if (!json) {
+            return textOf(event.time, false) + "  (" + std::to_string(event.dropped) +
+                   " writes were dropped because this watcher fell behind)\n";
+        }
+        Json object(rapidjson::kObjectType);
+        addTime(object, event);
+        object.add(object.root, "dropped", Json::Node(event.dropped));
+        return object.text(Json::Layout::OneLine);
     }
 
     std::string diffLine(const Event& event)
@@ -178,80 +209,88 @@ struct Printer {
         const std::vector<std::string> on = missingFrom(before, apps);
         const std::vector<std::string> off = missingFrom(apps, before);
         if (json) {
-            return jsonLine(event, [&](auto& writer) {
-                writer.Key("on");
-                const bool all = writeArray(writer, on);
-                writer.Key("off");
-                return writeArray(writer, off) && all;
-            });
+            Json object(rapidjson::kObjectType);
+            addTime(object, event);
+            object.add(object.root, "name", event.setting->name, "");
+            for (const auto& [name, those] : {std::pair("on", &on), {"off", &off}}) {
+                Json::Node array(rapidjson::kArrayType);
+                object.append(array, *those);
+                object.add(object.root, name, std::move(array));
+            }
+            return jsonLine(object);
         }
         std::string what;
-        for (const auto& [sign, those] : {std::pair(" +", &on), std::pair(" -", &off)}) {
+        for (const auto& [sign, those] : {std::pair(" +", &on), {" -", &off}}) {
             for (const std::string& app : *those) {
                 what += sign + escaped(app);
             }
         }
-        what += !parsed ? " (not a list)" : what.empty() ? " (no app changed)" : "";
+        if (!parsed) {
+            what += " (not a list)";
+        } else if (what.empty()) {
+            what = " (no app changed)";
+        }
         return textLine(event, what.substr(1));
+    }
+
+    static std::string textLine(const Event& event, const std::string& what)
+    {
+        return textOf(event.time, false) + "  " + styled(Style::Name, event.setting->name) + "  " + what + "\n";
+    }
+
+    static void addTime(Json& object, const Event& event)
+    {
+        object.add(object.root, "time", textOf(event.time, true), "");
+    }
+
+    std::string jsonLine(const Json& object)
+    {
+        isComplete = isComplete && object.isComplete();
+        return object.text(Json::Layout::OneLine);
     }
 };
 
-std::atomic<std::size_t> seen{0};  // changes that were printed
-
-int printEvents(const std::vector<Event>& first, std::size_t count, const std::optional<Value>& until, Printer printer)
+// Those that a name, a key or a pattern stands for and that can be watched.
+std::vector<const Setting*> watchableLike(const std::string& pattern)
 {
-    for (const Event& event : first) {
-        print(printer.line(event));
+    std::vector<const Setting*> found = settingsLike(pattern);
+    const auto isNamed = [&](const Setting* setting) { return setting->isCalled(pattern); };
+    const auto exact = std::find_if(found.begin(), found.end(), isNamed);
+    if (exact != found.end()) {
+        found = {*exact};
     }
-    bool reached = until && !first.empty() && first.back().value == *until;
-    while (!reached) {
-        const Event event = take();
-        print(printer.line(event));
-        seen += event.setting != nullptr ? 1 : 0;
-        reached = (count != 0 && seen == count) || (until && event.setting != nullptr && event.value == *until);
+    if (found.empty()) {
+        found = {&findSetting(pattern)};
     }
-    return printer.failed ? kExitFailed : 0;
-}
-
-// As a write would, also while there is nothing to write.
-[[noreturn]] void endWithReader()
-{
-    pollfd output{STDOUT_FILENO, 0, 0};
-    while (poll(&output, 1, -1) < 0) {
-    }
-    (void)std::raise(SIGPIPE);
-    // cppcheck-suppress unreachableCode ; where that signal is ignored
-    std::_Exit(kExitFailed);
-}
-
-std::vector<const Setting*> settingsToWatch(const std::vector<std::string>& names)
-{
-    std::set<const Setting*> wanted;
-    for (const std::string& name : names) {
-        wanted.insert(&findSetting(name));
-    }
-    std::vector<const Setting*> settings;
-    std::vector<std::string> watchable;
-    for (const Setting& setting : allSettings()) {
-        if (setting.watchable()) {
-            watchable.emplace_back(setting.name);
-            if (names.empty() || wanted.erase(&setting) != 0) {
-                settings.push_back(&setting);
-            }
+    const auto last =
+        std::remove_if(found.begin(), found.end(), [](const Setting* each) { return !each->watchable(); });
+    found.erase(last, found.end());
+    if (found.empty()) {
+        std::vector<std::string> watchable;
+        for (const Setting* each : watchableLike("")) {
+            watchable.emplace_back(each->name);
         }
+        throw UsageError(pattern + " cannot be watched; these can: " + joined(watchable, ", "));
     }
-    if (!wanted.empty()) {
-        throw UsageError(std::string((*wanted.begin())->name) +
-                         " cannot be watched; these can: " + joined(watchable, ", "));
+    return found;
+}
+
+// Each once, in the order of the catalogue.
+std::vector<const Setting*> settingsToWatch(const std::vector<std::string>& patterns)
+{
+    std::set<const Setting*> settings;
+    for (const std::string& pattern : patterns.empty() ? std::vector<std::string>{""} : patterns) {
+        const std::vector<const Setting*> found = watchableLike(pattern);
+        settings.insert(found.begin(), found.end());
     }
-    return settings;
+    return {settings.begin(), settings.end()};
 }
 
 }  // namespace
 
 int watch(const WatchOptions& options)
 {
-    const std::vector<const Setting*> settings = settingsToWatch(options.names);
+    const std::vector<const Setting*> settings = settingsToWatch(options.patterns);
     std::optional<Value> until;
     if (options.until) {
         if (settings.size() != 1) {
@@ -259,41 +298,54 @@ int watch(const WatchOptions& options)
         }
         until = parseValue(*settings[0], *options.until);
     }
-    Apps apps;
+    Printer printer{options.json, options.diff, {}};
     if (options.diff && !options.initial) {
-        // Before the first change is waited for: what happens in between is then part of the first difference.
-        const std::optional<Value> text = read(findSetting("ZOLConcurrentAppList"));
-        apps = appsThatAreOn(text ? toText(*text) : "").value_or(Apps());
+        // Read before subscribing: what changes in between is then part of the first difference.
+        const std::optional<Value> text = read(findSetting("ZOLConcurrentAppList")).value;
+        printer.apps = appsThatAreOn(text ? toText(*text) : "").value_or(Apps());
     }
-    watchPlatformLog(onPlatformLog);
+    onDeliveryReport(onReport);
     for (const Setting* setting : settings) {
         subscribe(*setting);
     }
-    std::vector<Event> first;  // read after that, so that no change is missed in between
+    std::vector<Event> present;  // read after subscribing, so that no change is missed in between
     for (const Setting* setting : settings) {
-        const std::optional<Value> value = options.initial || until ? read(*setting) : std::nullopt;
+        const std::optional<Value> value = options.initial || until ? read(*setting).value : std::nullopt;
         if (value && (options.initial || value == until)) {
-            first.push_back({Clock::now(), setting, *value});
+            present.push_back({Clock::now(), setting, *value, "", 0});
         }
     }
-    (void)std::fprintf(stderr, "watching %zu setting%s\n", settings.size(), settings.size() == 1 ? "" : "s");
+    std::cerr << "watching " + std::to_string(settings.size()) + (settings.size() == 1 ? " setting\n" : " settings\n");
 
-    std::thread(endWithReader).detach();
-    std::packaged_task<int()> printing([=, printer = Printer{options.json, options.diff, std::move(apps)}] {
-        return printEvents(first, options.count, until, printer);
-    });
-    std::future<int> end = printing.get_future();
-    std::thread(std::move(printing)).detach();
-    const std::chrono::duration<double> limit(options.timeout.value_or(0));
-    if (options.timeout && end.wait_for(limit) != std::future_status::ready) {
-        if (options.count != 0 || until) {
-            throw Failure("timed out after " + std::to_string(seen) +
-                          (until ? std::string(" changes to other values")
-                                 : " of " + std::to_string(options.count) + " changes"));
-        }
-        return 0;
+    std::optional<Deadline> deadline;
+    if (options.timeout) {
+        const std::chrono::duration<double> limit(*options.timeout);
+        deadline = Deadline::clock::now() + std::chrono::ceil<Deadline::duration>(limit);
     }
-    return end.get();
+    for (const Event& event : present) {
+        print(printer.line(event));
+    }
+    bool isReached = until && !present.empty() && present.back().value == *until;
+    std::size_t seen = 0;
+    while (!isReached) {
+        const std::optional<Event> event = take(deadline);
+        if (!event && until) {
+            throw Failure("timed out after " + std::to_string(seen) + " changes to other values");
+        }
+        if (!event && options.count != 0) {
+            throw Failure("timed out after " + std::to_string(seen) + " of " + std::to_string(options.count) +
+                          " changes");
+        }
+        if (!event) {
+            break;
+        }
+        print(printer.line(*event));
+        if (event->setting != nullptr) {
+            ++seen;
+            isReached = seen == options.count || event->value == until;
+        }
+    }
+    return printer.isComplete ? 0 : kExitFailed;
 }
 
 }  // namespace zolctl
