@@ -1,12 +1,14 @@
 #!/bin/bash
 # Tests the settings panel from outside, with zolctl playing the TV: settings_panel_test.sh PANEL
 set -euo pipefail
+command -v zolctl >/dev/null || { echo "zolctl must be in the PATH" && exit 1; }
 ZOL_VCONF_DIR=$(mktemp -d)
 export ZOL_VCONF_DIR ZOL_DLOG=off
 panel=
 trap '[ -z "$panel" ] || { kill "$panel" && wait "$panel"; } || true; rm -r "$ZOL_VCONF_DIR"' EXIT
 
 zolctl load - <<<'{"OSDCountry": "DE", "BackgroundVolume": 5}'
+touch "$ZOL_VCONF_DIR/shown"
 "$1" >"$ZOL_VCONF_DIR/shown" &
 panel=$!
 

@@ -11,8 +11,11 @@
 
 #include "ZOLExport.h"
 
+// keynode_t, under whatever tag the platform gives it
 #if defined(__has_include) && __has_include(<vconf.h>)
-#include <vconf.h>  // keynode_t, under whatever tag the platform gives it
+#include <vconf.h>
+#elif defined(__has_include) && __has_include(<vconf/vconf.h>)
+#include <vconf/vconf.h>
 #else
 struct keynode_t;
 #endif
@@ -33,8 +36,9 @@ struct CallbackNode {
 /// Watches one vconf key for any number of callbacks. It subscribes to the key for the first callback, passes every
 /// change to the callbacks in the order of registration, and unsubscribes after the last callback is removed.
 ///
-/// Whoever creates a watcher must keep it as long as vconf may call it or a thread may be using it. There should be one
-/// watcher per key at a time, because vconf tells subscriptions apart by their keys.
+/// A program that creates a watcher must end its subscription before it destroys it, and must keep it while a thread
+/// uses it or a callback runs. There should be one watcher per key at a time, because vconf tells subscriptions apart
+/// by their keys.
 ///
 /// Threads: any thread may call every member. Callbacks run with the watcher's lock held, so they must not register or
 /// unregister on it. ZOLSystemDataNotify.h says what else they may do.
@@ -47,7 +51,7 @@ public:
     /// @param path  The key; it is copied. Throws nothing but std::bad_alloc.
     VconfCallbackGenerator(DataValueType type, const std::string& path);
 
-    /// Waits for running callbacks and drops them all. It does not unsubscribe.
+    /// Frees the list of callbacks. It neither unsubscribes nor waits for running callbacks.
     ~VconfCallbackGenerator();
 
     VconfCallbackGenerator(const VconfCallbackGenerator&) = delete;
@@ -68,7 +72,8 @@ public:
 
     /// Hands a change to the callbacks of a watcher. vconf calls it. What callbacks throw is caught and logged.
     /// @param node      The key and its new value, read according to the watcher's type.
-    /// @param userData  The watcher. One of ZOLSystemDataNotify may be gone already, which does no harm.
+    /// @param userData  The watcher. A watcher made by ZOLSystemDataNotify may already be destroyed; the call then does
+    ///                  nothing.
     static void VconfCallbackMethod(keynode_t* node, void* userData);
 
     /// @return the key.

@@ -17,8 +17,9 @@
 /// Getters and setters of the TV's system data, and the list of apps in concurrent mode.
 ///
 /// Every operation except the three for the app list reads or writes one fixed vconf key, named in its comment. It does
-/// so on every call; no value is cached. capi-zol-tv.h has each operation as a flat function, named ZOLSystemData plus
-/// the operation's name. Every access writes to the log under the tag "libZOL".
+/// so on every call; no value is cached. The settings are the rows of ZOLSettings.h, and src/ZOLSystemDataClass.cpp
+/// defines their operations from these rows with one macro, ACCESSORS. capi-zol-tv.h has each operation as a flat
+/// function, named ZOLSystemData plus the operation's name. Every access writes to the log under the tag "libZOL".
 ///
 /// Results:
 /// - A getter with a reference parameter returns true when it has read the key into the parameter. It returns false and

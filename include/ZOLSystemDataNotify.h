@@ -18,7 +18,9 @@ using ZOLIntCallback = void (*)(int value, void* userData);
 using ZOLStringCallback = void (*)(std::string value, void* userData);
 /// @}
 
-/// Register and unregister operations for the thirteen topics that can be watched. Each topic is one vconf key.
+/// Register and unregister operations for the thirteen topics that can be watched. Each topic is one vconf key. The
+/// topics are the rows of ZOLSettings.h that have WATCH, and src/ZOLSystemDataNotifyClass.cpp defines their operations
+/// from these rows with one macro, OPERATIONS.
 /// capi-zol-tv.h has each operation as a flat function, named ZOLSystemDataNotify plus the operation's name.
 ///
 /// Register operations return 1 when the callback is registered. If it already was, it stays registered once, with its

@@ -6,11 +6,14 @@
 
 #if __cplusplus < 201703L
 #error "ZOLWatch.h needs C++17; ZOLSystemDataNotify.h does not"
-#endif
+#elif !defined(__cpp_exceptions)
+#error "ZOLWatch.h needs exceptions; ZOLSystemDataNotify.h can be used with -fno-exceptions"
+#else
 
-#include <condition_variable>
+#include <unistd.h>
+
+#include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <exception>
 #include <list>
 #include <memory>
@@ -21,45 +24,72 @@
 #include <type_traits>
 #include <utility>
 
+#include "ZOLSettings.h"
 #include "ZOLSystemDataNotify.h"
 
-/// A watch of one topic, made by the function named after the topic:
+/// A watch of one topic. The function named after the topic makes it:
 /// @code
-/// ZOLWatch language = ZOLWatch::ZOLLanguage([&](const std::string& value) { show(value); });
-/// if (!language) ...  // vconf refused; the log tells why
+/// ZOLWatch language = ZOLWatch::ZOLLanguage([](const std::string& value) { print(value); });
+/// if (!language) ...  // refused; the log tells why
 /// @endcode
 ///
-/// The callable is called once for every write of the key after the watch was made, on the thread on which vconf
-/// delivers changes. A topic may have any number of watches; they are called one after another, first made first. An
-/// exception from a callable does not keep the others from being called; the library logs that there was one. A
-/// callable must not end its thread.
+/// **Hold no lock that a callable takes while you make or end a watch.** Making and ending wait until the running
+/// callables of the topic have returned, so with such a lock the program hangs. Move the watch out under the lock, and
+/// let it end after unlocking:
+/// @code
+/// void Panel::stop()
+/// {
+///     ZOLWatch ended;
+///     {
+///         const std::lock_guard<std::mutex> guard(mutex_);  // which the callable takes, too
+///         ended = std::move(language_);
+///     }
+/// }  // the watch ends here
+/// @endcode
 ///
-/// A watch is false when vconf refused it, when the library had no memory, or when the callable is a null pointer or an
-/// empty std::function. The next watch of the topic tries again. Making a watch may throw std::bad_alloc, or what
-/// moving the callable throws.
+/// An app with a main loop needs no lock: its watches only wake the loop, which then reads what it shows. With GLib
+/// (examples/glib_main_loop.cpp is a whole program):
+/// @code
+/// const auto wake = [](const auto&) { if (!woken.exchange(true)) g_idle_add(show, nullptr); };
+/// const ZOLWatch watches[] = {ZOLWatch::ZOLActivated(wake), ZOLWatch::ZOLLanguage(wake)};
 ///
-/// The object can be moved, not copied; what it was moved from is false, as is a default ZOLWatch. The watch ends with
-/// the object, when another is assigned to it, or at end(). From then on the callable does not run and will not run
-/// again, and it is destroyed. A callable may end its own watch: that returns at once, and the callable is destroyed
-/// when it returns.
+/// gboolean show(gpointer)
+/// {
+///     woken = false;  // before the reads, so that a later change wakes the loop again
+///     const bool active = ZOLSystemData::GetZOLActivated();
+///     ...
+/// @endcode
+/// Where every event counts (web apps, reset counters), let the callable queue the value.
 ///
-/// A callable may make and end watches, also its own, with the exceptions below. A watch made while callables of its
-/// topic run is called from the next event on.
+/// Calls: a callable is called once for every write of the key after the watch was made, on the thread on which vconf
+/// delivers changes. Watches of a topic are called one after another, first made first. An exception is logged by the
+/// library, and the others are still called. A callable must not end its thread.
 ///
-/// To avoid deadlocks, a callable, and a plain callback of the same topic, must not wait for a thread that makes or
-/// ends a watch of the topic, for example by taking a lock that this thread holds. If vconf delivers on several
-/// threads, callables of different topics must not make or end watches of each other's topics in a cycle. Plain
-/// callbacks must not make or end watches of their topic. Each program and shared object has its own watches, so a
-/// callable must not make or end those of its topic in another shared object either.
+/// Result: a watch is false when the library refused it, or when the callable is a null pointer or an empty
+/// std::function. The next watch of the topic tries again. Making a watch may throw std::bad_alloc, or what moving the
+/// callable throws.
 ///
-/// The topic is unsubscribed when its last watch ends. If that watch ends in a callable of the topic, the topic is
-/// unsubscribed when its next watch ends outside. A plugin must end its watches outside their callables before it is
-/// unloaded.
+/// End: a watch ends with its object, when another one is assigned to it, or at end(). It can be moved, not copied.
+/// After the end the callable will not run again, and it is destroyed. What it has posted elsewhere, such as a call on
+/// a main loop, may still run.
 ///
-/// Threads: any thread may make, move and end watches, but not two threads the same object at once. A callable may run
-/// before its watch has been assigned, so an object that a callable ends and others use needs a lock: move the watch
-/// out under the lock, and end it after releasing the lock. A thread must not be cancelled while it makes or ends a
-/// watch. After fork() the child must not make or end watches if the parent has made any.
+/// In a callable: you may make and end watches, also its own one; for those of its topic nothing waits. A new watch is
+/// called from the next event on. A callable that ends its own watch is destroyed when it returns.
+///
+/// Neither a callable nor a plain callback may wait for a thread that makes or ends a watch of the topic. Plain
+/// callbacks must not make or end watches of their topic. Each program and shared object has its own watches, and a
+/// callable must not make or end those of its topic in another one. If vconf delivers on several threads, callables of
+/// different topics must not make or end watches of each other's topics in a cycle.
+///
+/// Threads: any thread may make, move and end watches, but two threads must not use one object at once. A callable may
+/// run before its watch has been assigned, so a lock must protect an object that a callable ends and others use. A
+/// thread must not be cancelled while it makes or ends a watch.
+///
+/// Plugins: a topic is unsubscribed when its last watch ends outside its callables. If it ends in one, the topic is
+/// unsubscribed when the next watch ends outside. So end a plugin's watches outside before you unload it.
+///
+/// Processes: after fork() the child must not make watches if the parent has made any. Ending the parent's watches does
+/// nothing there, so the child may call exit().
 class ZOLWatch {
 public:
     /// Ends the watch; without one it does nothing.
@@ -70,160 +100,153 @@ public:
 
 // Hidden here and below, so that every program and shared object has its own topics: shared symbols would keep a plugin
 // from being unloaded, and mix versions of this header.
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): the operations of a topic are named after it
-#define ZOL_WATCH_TOPIC(name, Value)                                                                \
+#define ZOL_WATCH_ROW_WATCH(name, Value)                                                            \
     template <class Callable>                                                                       \
     [[nodiscard, gnu::visibility("hidden")]] static ZOLWatch name(Callable callable)                \
     {                                                                                               \
         return TopicOf<Value, ZOLSystemDataNotify::Register##name##Callback,                        \
                        ZOLSystemDataNotify::Unregister##name##Callback>::make(std::move(callable)); \
     }
-    /// Makes a watch of the topic that ZOLSystemDataNotify has under this name.
-    /// @param callable  Takes the new value: a `bool`, an `int` or a `const std::string&`, as the list below shows. It
-    /// may
+#define ZOL_WATCH_VALUE_BOOL bool
+#define ZOL_WATCH_VALUE_INT int
+#define ZOL_WATCH_VALUE_STRING std::string
+#define ZOL_WATCH_ROW_(name, Value)
+#define ZOL_WATCH_ROW(name, type, read, write, watch, key, description) \
+    ZOL_WATCH_ROW_##watch(name, ZOL_WATCH_VALUE_##type)
+    /// Makes a watch of a topic. ZOLSettings.h lists the topics: its rows that have WATCH.
+    /// @param callable  Takes the new value: a `bool`, an `int` or a `const std::string&`, by the row's type. It may
     ///                  return anything. It is moved into the watch.
     /// @{
-    ZOL_WATCH_TOPIC(ZOLConcurrentAppList, std::string)
-    ZOL_WATCH_TOPIC(DravixResetCount, int)
-    ZOL_WATCH_TOPIC(ServiceResetCount, int)
-    ZOL_WATCH_TOPIC(FactoryResetCount, int)
-    ZOL_WATCH_TOPIC(WebAppUninstall, std::string)
-    ZOL_WATCH_TOPIC(WebAppInstall, std::string)
-    ZOL_WATCH_TOPIC(OSDCountry, std::string)
-    ZOL_WATCH_TOPIC(BackgroundVolume, int)
-    ZOL_WATCH_TOPIC(ZOLSituationalHintSupported, std::string)
-    ZOL_WATCH_TOPIC(ZOLLanguage, std::string)
-    ZOL_WATCH_TOPIC(ZOLDefaultAssistantAppid, std::string)
-    ZOL_WATCH_TOPIC(ZOLActivated, bool)
-    ZOL_WATCH_TOPIC(ZOLMultipleMode, bool)
+    ZOL_SETTINGS(ZOL_WATCH_ROW)
     /// @}
-#undef ZOL_WATCH_TOPIC
+#undef ZOL_WATCH_ROW
+#undef ZOL_WATCH_ROW_
+#undef ZOL_WATCH_ROW_WATCH
+#undef ZOL_WATCH_VALUE_STRING
+#undef ZOL_WATCH_VALUE_INT
+#undef ZOL_WATCH_VALUE_BOOL
 
 private:
     struct Entry;
     using List = std::list<std::shared_ptr<Entry>>;
 
+    // A watch in its topic's list, with its callable.
     struct Entry {
         virtual ~Entry() = default;
         virtual void call(const void* value) = 0;
         virtual void end() noexcept = 0;
-        List::iterator place;     // in the topic's list
-        std::uint64_t since = 0;  // the delivery during or after which it was made
+        const pid_t process = getpid();
+        List::iterator place;
     };
     struct End {
-        void operator()(Entry* entry) const noexcept { entry->end(); }
+        void operator()(Entry* entry) const noexcept
+        {
+            // In a child of fork() the locks may be held for ever, by threads that only the parent has.
+            if (entry->process == getpid()) {
+                entry->end();
+            }
+        }
     };
 
-    // What the watches of a topic share. lock_ protects all of it. It is not held while a callable runs or is
-    // destroyed, nor while the library is called, so its holder waits for nothing but changed_. The library never runs
-    // a topic's callback on two threads at once.
+    // The watches of a topic, behind one callback of the library.
+    //
+    //   subscription_  Protects subscribed_. Held while the library registers and unregisters the callback, so only one
+    //                  thread at a time makes the first watch or ends the last one.
+    //   calls_         Protects watches_. Held while callables run, so whoever takes it waits for them.
+    //
+    // Order: subscription_, the library's locks, calls_. A callable runs with calls_ held, so it takes neither lock to
+    // make or end watches of its own topic. The topic is subscribed then and stays so: it is unsubscribed only while
+    // the list is empty, and with an empty list no callable runs.
     class __attribute__((visibility("hidden"))) Topic {
     public:
-        explicit Topic(bool (*registration)(bool wanted)) : registration_(registration) {}
+        Topic(int (*subscribe)(), int (*unsubscribe)()) : subscribe_(subscribe), unsubscribe_(unsubscribe) {}
 
-        // Moves the one element of the list to the topic's list, and returns whether the topic is subscribed.
+        // Moves the only entry of a list to the end of the topic's list. Returns false if the library refuses.
         bool add(List& made)
         {
-            std::unique_lock<std::mutex> guard(lock_);
-            changed_.wait(guard, [this] { return !inLibrary_; });  // which it is while a callable runs
-            if (!registered_) {
-                callLibrary(guard, true);
+            made.front()->place = made.begin();
+            if (isDelivering()) {
+                watches_.splice(watches_.end(), made);
+                return true;
             }
-            if (registered_) {
-                Entry& entry = *made.front();
-                entry.place = made.begin();
-                entry.since = deliveries_;
+            const std::lock_guard<std::mutex> subscription(subscription_);
+            if (!subscribed_) {
+                subscribed_ = subscribe_() == 1;
+            }
+            if (subscribed_) {
+                const std::lock_guard<std::mutex> calls(calls_);
                 watches_.splice(watches_.end(), made);
             }
-            return registered_;
+            return subscribed_;
         }
 
         void end(List::iterator watch) noexcept
         {
-            List ended;  // outlives the guard, since a callable's destruction may end other watches
-            std::unique_lock<std::mutex> guard(lock_);
-            next_ = next_ == watch ? std::next(watch) : next_;
-            ended.splice(ended.end(), watches_, watch);
-            if (delivering()) {
-                return;  // the library would wait for this very delivery
+            if (isDelivering()) {
+                watch->reset();  // deliver() removes the empty entry
+                return;
             }
-            // A callable that still runs may make a watch, and would miss events if the topic were unsubscribed.
-            changed_.wait(
-                guard, [&] { return running_ != watch->get() && (!watches_.empty() || thread_ == std::thread::id()); });
-            if (watches_.empty() && registered_) {
-                callLibrary(guard, false);
+            List ended;  // destroyed without the locks, because a callable's destructor may end other watches
+            const std::lock_guard<std::mutex> subscription(subscription_);
+            std::unique_lock<std::mutex> calls(calls_);
+            ended.splice(ended.end(), watches_, watch);
+            const bool wasLast = watches_.empty();
+            calls.unlock();
+            if (wasLast) {
+                unsubscribe_();
+                subscribed_ = false;  // also if vconf refused: the library has removed the callback all the same
             }
         }
 
         void deliver(const void* value)
         {
+            const std::lock_guard<std::mutex> calls(calls_);
+            deliverer_ = std::this_thread::get_id();
             std::exception_ptr thrown;
-            std::unique_lock<std::mutex> guard(lock_);
-            thread_ = std::this_thread::get_id();
-            ++deliveries_;
-            next_ = watches_.begin();
-            while (next_ != watches_.end() && (*next_)->since < deliveries_) {
-                std::shared_ptr<Entry> entry = *next_++;  // its callable may end it
-                running_ = entry.get();
-                guard.unlock();
+            List::iterator next = watches_.begin();
+            for (std::size_t left = watches_.size(); left > 0; --left) {  // new watches wait for the next event
+                const std::shared_ptr<Entry> entry = *next;               // outlives its end in its own callable
+                ++next;
+                if (entry == nullptr) {
+                    continue;
+                }
                 try {
                     entry->call(value);
                 } catch (...) {
                     thrown = std::current_exception();
                 }
-                entry.reset();
-                guard.lock();
-                running_ = nullptr;
-                changed_.notify_all();
-            }  // the lock stays from the last one's return on, so who waits finds thread_ empty
-            thread_ = std::thread::id();
+            }
+            watches_.remove(nullptr);
+            deliverer_ = std::thread::id();
             if (thrown != nullptr) {
                 std::rethrow_exception(thrown);
             }
         }
 
     private:
-        // Whether the caller is, at some depth, one of the topic's callables.
-        bool delivering() const { return thread_ == std::this_thread::get_id(); }
+        // Whether a callable of the topic is running on this thread.
+        bool isDelivering() const { return deliverer_ == std::this_thread::get_id(); }
 
-        void callLibrary(std::unique_lock<std::mutex>& guard, bool wanted)
-        {
-            inLibrary_ = true;
-            registered_ = false;
-            guard.unlock();
-            bool succeeded = false;
-            try {
-                succeeded = registration_(wanted);
-            } catch (const std::bad_alloc&) {  // of a registration: the watch is refused
-            }
-            guard.lock();
-            registered_ = succeeded && wanted;
-            inLibrary_ = false;
-            changed_.notify_all();
-        }
-
-        bool (*const registration_)(bool wanted);  // registers or unregisters the topic's callback
-        std::mutex lock_;
-        std::condition_variable changed_;  // running_, thread_ or inLibrary_
-        List watches_;                     // in the order of making
-        std::uint64_t deliveries_ = 0;
-        List::iterator next_ = watches_.end();  // of the delivery that is under way
-        Entry* running_ = nullptr;              // whose callable runs
-        std::thread::id thread_;                // that delivers
-        bool registered_ = false;               // with the library
-        bool inLibrary_ = false;                // a thread is registering or unregistering
+        int (*const subscribe_)();
+        int (*const unsubscribe_)();
+        std::mutex subscription_;
+        bool subscribed_ = false;
+        std::mutex calls_;
+        List watches_;                                               // in the order of making
+        std::atomic<std::thread::id> deliverer_{std::thread::id()};  // the thread that runs callables, if any
     };
 
     template <class Value, auto add, auto remove>
     struct __attribute__((visibility("hidden"))) TopicOf {
         static void callback(Value value, void* /*userData*/) { topic().deliver(&value); }
-        static bool registration(bool wanted) { return (wanted ? add(callback, nullptr) : remove(callback)) == 1; }
+        static int subscribe() { return add(callback, nullptr); }
+        static int unsubscribe() { return remove(callback); }
         // Never destroyed, since the library may call until the process ends; not on the heap, where an unloaded
         // plugin would leave it behind.
         static Topic& topic()
         {
             alignas(Topic) static unsigned char place[sizeof(Topic)];
-            static Topic& made = *new (place) Topic(registration);
+            static Topic& made = *new (place) Topic(subscribe, unsubscribe);
             return made;
         }
 
@@ -255,7 +278,8 @@ private:
         }
     };
 
-    std::unique_ptr<Entry, End> entry_;  // which the topic owns
+    std::unique_ptr<Entry, End> entry_;  // which the topic's list owns
 };
 
+#endif
 #endif

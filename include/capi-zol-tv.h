@@ -3,7 +3,7 @@
 /// name, which is the class name followed by the operation's name. Parameters, results, errors and threads are those of
 /// the class operation; see ZOLSystemData.h and ZOLSystemDataNotify.h, which this header includes. The functions are
 /// for C++ callers (C++11 or later) that look symbols up by name: despite the "capi" in the name, parameters have C++
-/// types. A string is passed by value, so the caller's string never changes.
+/// types. Setters take their string by value.
 #ifndef CAPI_ZOL_TV_H
 #define CAPI_ZOL_TV_H
 

@@ -17,7 +17,6 @@ constexpr std::size_t folderSize(std::string_view path) { return path.rfind('/')
 
 }  // namespace zol
 
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): the file, the line number and the joined literals need macros.
 // The constant makes the compiler find the name once, instead of every call.
 #define ZOL_FILE_NAME &__FILE__[std::integral_constant<std::size_t, zol::folderSize(__FILE__)>::value]
 #define ZOL_LINE_FRAME(function, text) \
@@ -29,6 +28,5 @@ constexpr std::size_t folderSize(std::string_view path) { return path.rfind('/')
 #define ZOL_LINE_OF(function, message) ZOL_LINE_FRAME(function, "DLOG_ERROR \"" message "\"")
 // A line without the word before the message.
 #define ZOL_BARE_LINE(message) ZOL_LINE_FRAME(__func__, "\"" message "\"")
-// NOLINTEND(cppcoreguidelines-macro-usage)
 
 #endif

@@ -7,7 +7,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
 mkdir "$scratch/a copy" && cd "$scratch/a copy"
-cp -r "$1"/{CMakeLists.txt,CMakePresets.json,include,src,platform,tools,tests,packaging,examples,scripts} .
+cp -r "$1"/{CMakeLists.txt,CMakePresets.json,README.md,include,src,platform,tools,tests,packaging,examples,scripts} .
 sed -i 's/"RelWithDebInfo"/"Debug", "CMAKE_CXX_FLAGS_DEBUG": "-O0"/' CMakePresets.json # which builds sooner
 { patch -p0 --fuzz 0 <"$1/docs/adding-a-setting.patch" && scripts/demo &&
     cmake --build build/default --target system_data_test notify_test &&

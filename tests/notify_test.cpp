@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -118,7 +117,6 @@ TEST_F(NotifyTest, EveryTopicIsWatchedUnderItsKeyInItsType)
     const Kind text = {2, {{"[]", "[]"}, {"", ""}}};
     const Kind number = {1, {{-5, "-5"}}};
     const Kind toggle = {0, {{1, "true"}, {0, "false"}, {2, "false"}}};
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one topic.
 #define TOPIC(kind, name, key)                                                  \
     watchTopic(kind, #name, key, ZOLSystemDataNotify::Register##name##Callback, \
                ZOLSystemDataNotify::Unregister##name##Callback);                \
@@ -216,6 +214,15 @@ TEST_F(NotifyTest, TheMembersOfAWatcherAreInTheirOrder)
     EXPECT_EQ(Events(), received());
 }
 
+// A program that is not position-independent, as this one is, has an address of its own for every function that it
+// calls.
+TEST_F(NotifyTest, AProgramAndTheLibraryHaveOneDispatchFunction)
+{
+    Watcher watcher(DATA_TYPE_STRING, "db/k");
+    watcher.RegisterCallback(untyped(onText), one);
+    EXPECT_EQ(Watcher::VconfCallbackMethod, mock::attempted().handler);
+}
+
 // ---- hazards --------------------------------------------------------------------------------------------------------
 
 constexpr int kRounds = 100;
@@ -302,25 +309,83 @@ TEST_F(NotifyTest, ALateEventTouchesNothingAlsoWhenTheTopicIsRegisteredAnew)
     EXPECT_EQ(1, removeLanguage(onText));
 }
 
-TEST_F(NotifyTest, ARemovalAndTheEndOfAWatcherWaitForTheCallback)
+TEST_F(NotifyTest, ARemovalWaitsForTheCallback)
 {
-    auto own = std::make_unique<Watcher>(DATA_TYPE_STRING, "db/k");
-    own->RegisterCallback(untyped(onText), one);
-    expectToWait(
-        "x one", [] { mock::fire("db/k", "x"); }, [&own] { own.reset(); });
-    EXPECT_EQ(1U, mock::Locked()->subscriptions.size());  // it stays
     addLanguage(onText, one);
     expectToWait(
         "x one", [] { mock::fire(kLanguage, "x"); }, [] { EXPECT_EQ(1, removeLanguage(onText)); },
         [] { EXPECT_EQ(0, addLanguage(nullptr, nullptr)); });  // which takes the key lock and nothing else
 }
 
-TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAThreadIsInsideIt)
+TEST_F(NotifyTest, ExitInsideACallbackEndsTheProcess)
+{
+    inChild([] {
+        static Watcher watcher(DATA_TYPE_STRING, "db/k");
+        const ZOLStringCallback leave = [](std::string, void*) { std::exit(0); };
+        watcher.RegisterCallback(untyped(leave), nullptr);
+        mock::fire("db/k", "x");
+        _exit(1);
+    });
+}
+
+TEST_F(NotifyTest, AReleaseWaitsForTheDispatchesInside)
+{
+    mock::refuse("vconf_notify_key_changed");
+    EXPECT_EQ(0, addLanguage(onText, one));
+    expectToWait(
+        kUnsubscribed, [] { mock::deliver(mock::attempted(), "x"); }, [] { EXPECT_EQ(0, removeLanguage(onText)); },
+        [] { EXPECT_EQ(kReleased[0], mock::takeEvents().back()); });  // the slot is empty by now
+    mock::expectEvents({kReleased[1]});
+}
+
+TEST_F(NotifyTest, ARegistrationWaitsForTheRelease)
+{
+    mock::refuse("vconf_notify_key_changed");
+    EXPECT_EQ(0, addLanguage(onText, one));
+    std::future<int> removal, registration;
+    const auto deliver = [] { mock::deliver(mock::attempted(), "x"); };
+    stopAt(kUnsubscribed, deliver, [&] {
+        const Gate isReleasing;
+        onEvent(kReleased[0], [&isReleasing] { isReleasing.open(); });
+        removal = std::async(std::launch::async, removeLanguage, onText);
+        isReleasing.pass();
+        registration = std::async(std::launch::async, addLanguage, onText, one);
+        giveWay();
+    });
+    EXPECT_EQ(0, removal.get());
+    EXPECT_EQ(1, registration.get());
+    mock::expectEvents(Events{kReleased[1]} + kCreated + Events{kNotify, kSuccess});
+    EXPECT_EQ(1, removeLanguage(onText));
+}
+
+// Each event finds the watcher in another state. None of them may put off the lines of an unregistration.
+TEST_F(NotifyTest, AReleaseIsLoggedBeforeTheUnregistrationReturns)
+{
+    mock::refuse("vconf_notify_key_changed");
+    addLanguage(onText, one);  // so that there is somebody to deliver to
+    std::atomic<bool> done{false};
+    const auto delivering = std::async(std::launch::async, [&done] {
+        while (!done) {
+            mock::deliver(mock::attempted(), "x");
+        }
+    });
+    removeLanguage(onText);
+    for (int round = 0; round < 20 * kRounds && !HasFailure(); ++round) {
+        mock::takeEvents();
+        EXPECT_EQ(1, addLanguage(onText, one));
+        EXPECT_EQ(1, removeLanguage(onText));
+        const Events events = mock::takeEvents();
+        for (const std::string& line : {kCreated[0], kCreated[1], kReleased[0], kReleased[1]}) {
+            EXPECT_EQ(1, std::count(events.begin(), events.end(), line)) << line;
+        }
+    }
+    done = true;
+}
+
+TEST_F(NotifyTest, AWatcherIsNotReleasedWhileAnOperationIsInsideIt)
 {
     // Whether the watcher is subscribed at first, where a thread is inside it, what that one does, and the events then.
     const std::tuple<int, std::string, std::function<void()>, Events> rows[] = {
-        // a dispatch that finds the watcher unsubscribed
-        {0, kUnsubscribed, [] { mock::deliver(mock::attempted(), "x"); }, kReleased},
         // a registration that is about to subscribe a watcher which an unregistration finds unsubscribed
         {0, kNotify, [] { EXPECT_EQ(1, addLanguage(onText, one)); }, {kSuccess}},
         // an unregistration that has just begun, while another removes the last callback

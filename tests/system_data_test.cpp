@@ -117,7 +117,6 @@ void tryAll(const char* key, Forms... forms)
 TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
 {
     static constexpr char kAny[] = "any/%s%n/key";
-// NOLINTNEXTLINE(cppcoreguidelines-macro-usage): both forms are named after the one operation.
 #define BOTH(name) ZOLSystemData::name, ZOLSystemData##name
     tryAll(kAny, [](std::string& value) { return getString(kAny, value); });
     tryAll(kAny, [](std::string value) { return setString(kAny, std::move(value)); });
@@ -153,6 +152,24 @@ TEST(SystemData, EveryOperationWorksOnItsKeyInBothForms)
     tryAll("db/menu/system/accessibility/nagative_colors", BOTH(GetAccessibilityColorInversion));
     tryAll("db/art-app/art_app_status", BOTH(GetArtAppStatus));
     tryAll("db/setting/ambient_mode", BOTH(GetAmbientMode));
+}
+
+// A foreign function interface declares a string passed by value as the reference that it is to the compiler.
+TEST(SystemData, FlatFunctionsLeaveTheirStringUnchanged)
+{
+    using Declared = bool (*)(std::string);
+    const Declared functions[] = {ZOLSystemDataSetAovModeSetter,        ZOLSystemDataSetOSDLanguage,
+                                  ZOLSystemDataSetAssistantFarField,    ZOLSystemDataSetZOLSituationalHintSupported,
+                                  ZOLSystemDataSetZOLLanguage,          ZOLSystemDataSetZOLDefaultAssistantAppid,
+                                  ZOLSystemDataEnableZOLConcurrentMode, ZOLSystemDataDisableZOLConcurrentMode};
+    const std::string text(100, 'x');
+    for (const Declared function : functions) {
+        std::string given = text;
+        void* const symbol = reinterpret_cast<void*>(function);
+        reinterpret_cast<bool (*)(std::string&)>(symbol)(given);
+        EXPECT_EQ(text, given);
+    }
+    mock::reset();
 }
 
 // tests/fuzz tries more lists.

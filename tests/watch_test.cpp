@@ -1,5 +1,4 @@
-// Watches over the platform mock. Each test fails, hangs or is reported by a sanitizer when the protection that it is
-// about is taken away.
+// Watches over the platform mock. Without the protection that it is about, a test fails, hangs or upsets a sanitizer.
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -7,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -25,7 +23,7 @@ using Watch = ZOLWatch;
 // A callable that notes its name and the value.
 auto noting(const std::string& name)
 {
-    return [=](const auto& told) { mock::note((std::ostringstream() << std::boolalpha << name << ' ' << told).str()); };
+    return [=](const auto& data) { mock::note((std::ostringstream() << std::boolalpha << name << ' ' << data).str()); };
 }
 Watch language(const std::string& name) { return Watch::ZOLLanguage(noting(name)); }
 int fire(const std::string& value) { return mock::fire(key::ZOLLanguage, value); }
@@ -33,7 +31,7 @@ void giveWay() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
 
 class WatchTest : public testing::Test {
     void SetUp() override { mock::reset(); }
-    void TearDown() override  // whatever was left to the next watch is made up for
+    void TearDown() override  // if the last watch ended in a callable, the next one unsubscribes
     {
         EXPECT_TRUE(language("last"));
         EXPECT_EQ(0U, mock::Locked()->subscriptions.size());
@@ -41,30 +39,32 @@ class WatchTest : public testing::Test {
 };
 
 template <class Make>
-void tryTopic(const char* path, const mock::Value& value, const std::string& text, Make make)
+void expectCalls(const char* path, const mock::Value& value, const std::string& text, Make make)
 {
-    mock::refuse("vconf_notify_key_changed");
-    EXPECT_FALSE(make(noting("refused")));
-    const auto throwing = [note = noting("2")](const auto& told) { note(told), throw 2; };
-    Watch watches[] = {make(noting("1")), make(throwing), make(noting("3"))};
-    EXPECT_EQ(1, mock::fire(path, value));
-    EXPECT_THAT(mock::Locked()->events, testing::Contains(testing::HasSubstr("exception in cb")));
-    watches[0].end();
-    watches[1] = std::move(watches[2]);
-    EXPECT_EQ(1, mock::fire(path, value));
-    EXPECT_EQ(Events({"1 " + text, "2 " + text, "3 " + text, "3 " + text}), mock::received());
-    EXPECT_TRUE(watches[1]);
-    watches[1].end();
-    EXPECT_FALSE(watches[1]);
-    EXPECT_EQ(0, mock::fire(path, value));
+    const Watch first = make(noting("first")), second = make(noting("second"));
+    mock::fire(path, value);
+    EXPECT_EQ(Events({"first " + text, "second " + text}), mock::received());
 }
 
 // The other topics' functions come from the same macro, which does not compile with a wrong type.
-TEST_F(WatchTest, ATopicTellsItsWatchesInTheOrderOfMaking)
+TEST_F(WatchTest, CallsInTheOrderOfMaking)
 {
-    tryTopic(key::ZOLLanguage, "de", "de", [](auto call) { return Watch::ZOLLanguage(call); });
-    tryTopic(key::BackgroundVolume, -4, "-4", [](auto call) { return Watch::BackgroundVolume(call); });
-    tryTopic(key::ZOLActivated, 2, "false", [](auto call) { return Watch::ZOLActivated(call); });
+    expectCalls(key::ZOLLanguage, "de", "de", [](auto call) { return Watch::ZOLLanguage(call); });
+    expectCalls(key::BackgroundVolume, -4, "-4", [](auto call) { return Watch::BackgroundVolume(call); });
+    expectCalls(key::ZOLActivated, 2, "false", [](auto call) { return Watch::ZOLActivated(call); });
+}
+
+TEST_F(WatchTest, AnExceptionStopsNoOtherCallable)
+{
+    const Watch throwing = Watch::ZOLLanguage([](const std::string& /*value*/) { throw 1; });
+    const Watch other = language("other");
+    fire("1");
+    EXPECT_THAT(mock::Locked()->events, testing::Contains(testing::HasSubstr("exception in cb")));
+    EXPECT_EQ(Events({"other 1"}), mock::received());
+}
+
+TEST_F(WatchTest, EmptyCallablesGiveFalse)
+{
     EXPECT_FALSE(Watch::ZOLLanguage(std::function<void(std::string)>()));
     struct Resettable {  // can be assigned null, but not compared with it
         Resettable& operator=(std::nullptr_t) { return *this; }
@@ -73,94 +73,110 @@ TEST_F(WatchTest, ATopicTellsItsWatchesInTheOrderOfMaking)
     EXPECT_TRUE(Watch::ZOLLanguage(Resettable()));
 }
 
-TEST_F(WatchTest, CallablesEndAndMakeWatchesOfTheirOwnTopicAndOfOthers)
+TEST_F(WatchTest, ARefusalHarmsNoLaterWatch)
 {
-    Watch before = language("before"), next, made, last;
-    std::optional<Watch> own, other = Watch::OSDCountry(noting("other"));
-    own = Watch::ZOLLanguage([&, held = language("held")](std::string) {  // cannot be copied
-        before.end(), own.reset(), next.end(), other.reset();
-        made = language("replaced");
-        made = language("made");
-        mock::note(held ? "own" : "destroyed while it runs");
-    });
-    next = Watch::ZOLLanguage([held = language("held by the next")](std::string) {});
-    last = Watch::ZOLLanguage([&](const std::string& value) {
-        mock::note("last " + value);
-        value == "2" ? made.end(), last.end() : void();
-    });
-    fire("1");
-    EXPECT_EQ(Events({"before 1", "held 1", "own", "last 1"}), mock::received());
-    EXPECT_EQ(0, mock::fire(key::OSDCountry, "x"));
-    fire("2");
-    EXPECT_EQ(Events({"last 2"}), mock::received());
+    for (const std::string operation : {"notify", "ignore"}) {
+        mock::refuse("vconf_" + operation + "_key_changed");
+        EXPECT_EQ(operation == "ignore", bool(language("refused")));
+        const Watch next = language("next");
+        fire("1");
+        EXPECT_EQ(Events({"next 1"}), mock::received());
+    }
 }
 
-// Whoever ends a watch may free what its callable uses, also when the topic has other watches and stays subscribed.
-TEST_F(WatchTest, AnEndOnAnotherThreadReturnsAfterTheCallable)
+TEST_F(WatchTest, CallablesEndOtherWatches)
 {
-    const Gate running, ended;
-    const auto returned = std::make_shared<bool>(false);
-    Watch watch = Watch::ZOLLanguage([&running, returned](const std::string&) {
+    Watch before = language("before"), after;
+    Watch country = Watch::OSDCountry(noting("country"));
+    const Watch ending = Watch::ZOLLanguage([&](const std::string& /*value*/) {
+        before.end();
+        after.end();
+        country.end();
+    });
+    after = language("after");
+    fire("1");
+    fire("2");
+    EXPECT_EQ(Events({"before 1"}), mock::received());
+    EXPECT_EQ(0, mock::fire(key::OSDCountry, "x"));
+}
+
+TEST_F(WatchTest, ACallableThatEndsItselfIsKept)
+{
+    auto token = std::make_shared<int>();
+    const std::weak_ptr<int> callable = token;
+    Watch own;
+    own = Watch::ZOLLanguage([&own, token = std::move(token)](const std::string& /*value*/) {
+        const std::weak_ptr<int> running = token;
+        own.end();
+        mock::note(running.expired() ? "destroyed" : "kept");
+    });
+    fire("1");
+    EXPECT_EQ(Events({"kept"}), mock::received());
+    EXPECT_TRUE(callable.expired());
+}
+
+TEST_F(WatchTest, ANewWatchWaitsForTheNextEvent)
+{
+    std::vector<Watch> made;
+    const Watch making = Watch::ZOLLanguage([&](const std::string& /*value*/) { made.push_back(language("made")); });
+    fire("1");
+    fire("2");
+    EXPECT_EQ(Events({"made 2"}), mock::received());
+}
+
+TEST_F(WatchTest, DestroyedCallablesEndTheirWatches)
+{
+    Watch outside = Watch::ZOLLanguage([held = language("outside")](const std::string& /*value*/) {});
+    Watch inside = Watch::ZOLLanguage([held = language("inside")](const std::string& /*value*/) {});
+    const Watch ending = Watch::ZOLLanguage([&inside](const std::string& /*value*/) { inside.end(); });
+    outside.end();
+    fire("1");
+    fire("2");
+    EXPECT_EQ(Events({"inside 1"}), mock::received());
+}
+
+// The caller may then free what the callable uses. The other watch keeps the topic subscribed.
+TEST_F(WatchTest, EndWaitsForTheCallable)
+{
+    const Gate running;
+    std::atomic<bool> returned{false};
+    Watch watch = Watch::ZOLLanguage([&](const std::string& /*value*/) {
         running.open();
         giveWay();
-        *returned = true;
+        returned = true;
     });
-    const Watch other = Watch::ZOLLanguage([&ended](const std::string&) { ended.pass(); });
+    const Watch other = language("other");
     const auto delivery = std::async(std::launch::async, fire, "1");
     running.pass();
     watch.end();
-    ended.open();
-    EXPECT_TRUE(*returned);
-    EXPECT_EQ(1, returned.use_count()) << "the callable is not destroyed";
+    EXPECT_TRUE(returned);
 }
 
-TEST_F(WatchTest, AWatchThatIsMadeWhileTheLastOnesEndMissesNothing)
+TEST_F(WatchTest, TheLastEndLetsOthersCome)
 {
-    const Gate running;
-    Watch other = language("other"), made;
-    Watch own = Watch::ZOLLanguage([&](const std::string&) {
-        own.end();
-        running.open();
-        giveWay();  // to the thread that ends the other
-        made = language("made");
-    });
-    const auto delivery = std::async(std::launch::async, fire, "1");
-    running.pass();
-    other.end();
-    EXPECT_EQ(1, fire("2"));
-    EXPECT_EQ(Events({"other 1", "made 2"}), mock::received());
-}
-
-TEST_F(WatchTest, OthersMayComeWhileTheLastOnesEnd)
-{
-    const Gate running;
-    const auto run = [&running](const std::string&) { running.open(), giveWay(); };
-    Watch made, last = language("last"), lastToRun = Watch::ZOLLanguage(run);
-    std::thread make, deliver;
+    Watch made;
+    std::thread others;
     mock::onEvent("VconfCallbackGenerator.cpp: UnregisterCallback: \"Start\"\n", [&] {
-        make = std::thread([&made] { made = language("made"); });
-        deliver = std::thread(fire, "0");
+        others = std::thread([&made] {
+            fire("0");
+            made = language("made");
+        });
         giveWay();
     });
-    std::thread delivery(fire, "0");
-    running.pass();
-    std::thread end(&Watch::end, &last);
-    lastToRun.end();
-    delivery.join(), end.join(), make.join(), deliver.join();
-    mock::takeEvents();
-    EXPECT_EQ(1, fire("1"));
+    language("last").end();
+    others.join();
+    fire("1");
     EXPECT_EQ(Events({"made 1"}), mock::received());
 }
 
-// Several threads make the topic's first watch, move it and end the last one, again and again.
-TEST_F(WatchTest, WatchesComeMoveAndGoWhileEventsCome)
+TEST_F(WatchTest, ThreadsMakeMoveAndEndWatches)
 {
     const auto use = [] {
         for (int round = 0; round < 200; ++round) {
             std::atomic<int> calls{0};
             std::vector<Watch> watches;
             for (int made = 0; made < 3; ++made) {  // the vector moves them as it grows
-                watches.push_back(Watch::ZOLLanguage([&calls](const std::string&) { ++calls; }));
+                watches.push_back(Watch::ZOLLanguage([&calls](const std::string& /*value*/) { ++calls; }));
             }
             EXPECT_EQ(1, fire("x"));
             EXPECT_LE(3, calls);
@@ -170,8 +186,22 @@ TEST_F(WatchTest, WatchesComeMoveAndGoWhileEventsCome)
     use();
 }
 
+// As a static watch ends when the child exits. In the child the topic's lock stays locked for ever.
+TEST_F(WatchTest, AChildEndsTheParentsWatch)
+{
+    const Gate running, ended;
+    Watch watch = Watch::ZOLLanguage([&](const std::string& /*value*/) {
+        running.open();
+        ended.pass();
+    });
+    const auto delivery = std::async(std::launch::async, mock::deliver, mock::attempted(), "1");
+    running.pass();
+    inChild([&watch] { watch.end(); });
+    ended.open();
+}
+
 // What a plugin leaves behind would be called by the next event, or keep it from being unloaded.
-TEST_F(WatchTest, APluginThatEndedItsWatchesIsUnloaded)
+TEST_F(WatchTest, APluginIsUnloaded)
 {
     void* const plugin = dlopen(WATCH_PLUGIN, RTLD_NOW);
     ASSERT_NE(nullptr, plugin) << dlerror();

@@ -1,5 +1,5 @@
-// The desk platform's log service: one line a call, to standard error, to a file or nowhere. It takes no lock and waits
-// for nobody for long, since a line must never stop or end its program: one that cannot be written is lost and counted.
+// The desk platform's log service: one line a call, to standard error, to a file or nowhere. Logging must never end the
+// program nor stop it for long. So it takes no lock, and a line that cannot be written is dropped and counted.
 
 #include <dlog.h>
 
@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kOff = -1;
 constexpr int kNotChosen = -2;
-constexpr std::chrono::milliseconds kLongestWait{500};  // of one line, for somebody to read
+constexpr std::chrono::seconds kLongestWait{2};  // of one line, for a reader
 
 // Where the lines go. Chosen by the first line and never closed, so that threads may still log while the process ends.
 std::atomic<int> target{kNotChosen};
@@ -41,29 +41,40 @@ int openFile(const char* path, int flags)
     if (low > STDERR_FILENO || low < 0) {
         return low;
     }
-    const int fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // or programs would take it for a standard file
+    const int fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);  // 0 to 2 belong to the program
     close(low);
     return fd;
 }
 
-// In a regular file a line is one write, which keeps it apart from others where the file is open for appending. All
-// else takes pieces of PIPE_BUF, each whole.
-bool writeAll(int fd, bool regular, const char* data, size_t size, Clock::time_point deadline)
+bool waitForRoom(int fd, Clock::time_point deadline)
 {
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd room{fd, POLLOUT, 0};
+        const int found = poll(&room, 1, std::max(static_cast<int>(left.count()), 0));
+        if (found >= 0 || errno != EINTR) {
+            return found > 0;
+        }
+    }
+}
+
+// Writes that may wait take one piece at a time, after poll has found room for it. A piece is not mixed with others.
+bool writeAll(int fd, bool mayBlock, const char* data, size_t size, Clock::time_point deadline)
+{
+    const size_t piece = mayBlock ? PIPE_BUF : size;
+    bool mustAsk = mayBlock;
     while (size > 0) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd ready{fd, POLLOUT, 0};
-        const int found = regular ? 1 : poll(&ready, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
-        if (found == 0 || (found < 0 && errno != EINTR)) {
+        if (mustAsk && !waitForRoom(fd, deadline)) {
             return false;
         }
-        const ssize_t written = found < 0 ? 0 : write(fd, data, regular ? size : std::min<size_t>(size, PIPE_BUF));
-        if (written < 0 && ((errno != EINTR && errno != EAGAIN) || left < 0)) {
-            return false;
-        }
-        if (written > 0) {
+        const ssize_t written = write(fd, data, std::min(size, piece));
+        if (written >= 0) {
             data += written;
             size -= static_cast<size_t>(written);
+        } else if (errno == EAGAIN && (!mustAsk || Clock::now() < deadline)) {
+            mustAsk = true;
+        } else if (errno != EINTR) {
+            return false;
         }
     }
     return true;
@@ -71,11 +82,16 @@ bool writeAll(int fd, bool regular, const char* data, size_t size, Clock::time_p
 
 bool writeLine(int fd, const std::string& text, bool mayWait)
 {
-    struct stat status {};
-    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    // Others may want to wait for the reader of standard error; opened again, it need not make us wait. Where that
-    // cannot be done (a socket, a pipe of another user), only what there is room for is written.
-    const int own = fd == STDERR_FILENO && !regular ? openFile("/proc/thread-self/fd/2", 0) : -1;
+    bool mayBlock = false;  // the log's own file was opened not to, and a regular file never does
+    int terminal = -1;
+    if (fd == STDERR_FILENO) {
+        struct stat status {};
+        const bool isOpen = fstat(fd, &status) == 0;
+        if (isOpen && S_ISCHR(status.st_mode)) {  // poll may find room although a write still waits
+            terminal = openFile("/proc/thread-self/fd/2", 0);
+        }
+        mayBlock = terminal < 0 && !(isOpen && S_ISREG(status.st_mode));
+    }
 
     sigset_t failing;  // what a write may bring
     sigemptyset(&failing);
@@ -85,15 +101,15 @@ bool writeLine(int fd, const std::string& text, bool mayWait)
     sigaddset(&blocked, SIGTTOU);  // stops the background jobs of a terminal that write
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    const bool done = writeAll(own < 0 ? fd : own, regular, text.data(), text.size(),
+    const bool done = writeAll(terminal < 0 ? fd : terminal, mayBlock, text.data(), text.size(),
                                Clock::now() + (mayWait ? kLongestWait : kLongestWait.zero()));
     if (!done) {
         const timespec now{};
         sigtimedwait(&failing, nullptr, &now);
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (own >= 0) {
-        close(own);
+    if (terminal >= 0) {
+        close(terminal);
     }
     return done;
 }
@@ -193,7 +209,7 @@ int print(int fd, log_priority priority, const char* tag, const char* format, va
         line += '\n';
         const size_t size = line.size();
         before = lost.exchange(0);
-        if (before > 0) {  // of the last one a part may stand there
+        if (before > 0) {  // the last one may have been written in part
             line.insert(0, "\nW/DLOG" + from + std::to_string(before) + " lines lost\n");
         }
         if (writeLine(fd, line, before == 0)) {

@@ -22,6 +22,28 @@ constexpr size_t kBatchBytes = size_t{1} << 20;
 constexpr std::chrono::milliseconds kPauseAfterError{100};  // doubles from one error to the next,
 constexpr std::chrono::seconds kLongestPause{10};           // up to this
 
+// Sleeps until a signal file is written to, closed or removed.
+// @return whether one may have been removed.
+bool waitForSignal(int signals)
+{
+    alignas(inotify_event) char events[4096];
+    ssize_t size = 0;
+    do {
+        size = read(signals, events, sizeof events);
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) {
+        throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
+    }
+    uint32_t found = 0;
+    for (ssize_t at = 0; at < size;) {
+        inotify_event event{};
+        std::memcpy(&event, events + at, sizeof event);
+        found |= event.mask;
+        at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+    return (found & (IN_ATTRIB | IN_Q_OVERFLOW)) != 0;
+}
+
 }  // namespace
 
 Lifetime lifetimeOf(std::string_view key)
@@ -44,17 +66,20 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
             }
         }
     }
-    occupyStandardFiles();
+    reserveStandardDescriptors();
     if (signals_ < 0 && (signals_ = inotify_init1(IN_CLOEXEC)) < 0) {
         throw Error(std::string("cannot watch for changes: ") + std::strerror(errno) +
                     "; close files, or raise fs.inotify.max_user_instances");
     }
-    Half& itsHalf = halves_[static_cast<size_t>(lifetime)];
-    if (itsHalf.store == nullptr) {
-        // First, so that no write after the look at the journal goes unnoticed. The closing tells of a write whose
-        // writer was killed between its commit and its signal; the last one, of a removal.
+    Position& position = positions_[static_cast<size_t>(lifetime)];
+    if (position.store == nullptr) {
+        // Before the journal is read, or a write in between would go unnoticed. IN_CLOSE_WRITE reports a writer that
+        // died between its commit and its signal, IN_ATTRIB a removal.
         if (inotify_add_watch(signals_, signal.c_str(), IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB) < 0) {
             throw Error("cannot watch " + signal + ": " + std::strerror(errno));
+        }
+        if (store.isRemoved()) {
+            throw Error("cannot watch " + signal + ": it was removed; restart this program");
         }
     }
     const uint64_t last = ReadTransaction(store).lastSequence();
@@ -68,9 +93,9 @@ void Delivery::subscribe(Store& store, Lifetime lifetime, std::string_view key, 
     } else {
         subscriptions_.emplace(std::string(key), std::vector<Subscription>{added});
     }
-    if (itsHalf.store == nullptr) {
-        itsHalf.store = &store;
-        itsHalf.seen = last;
+    if (position.store == nullptr) {
+        position.store = &store;
+        position.seen = last;
     }
 }
 
@@ -96,7 +121,7 @@ bool Delivery::unsubscribe(std::string_view key, vconf_callback_fn handler)
 
 void Delivery::startThread()
 {
-    // The application's signal handlers are not to run on this thread.
+    // The application's signal handlers must not run on this thread.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -111,7 +136,7 @@ void Delivery::startThread()
     const int code = pthread_create(&thread, nullptr, body, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (code != 0) {
-        throw Error(std::string("cannot start the delivering thread: ") + std::strerror(code));
+        throw Error(std::string("cannot start the delivery thread: ") + std::strerror(code));
     }
     pthread_detach(thread);
 }
@@ -121,7 +146,7 @@ void Delivery::replaceThread()
     if (getpid() != pid_) {
         return;  // a child, where this was the parent's thread
     }
-    logLine("delivery", "a handler has ended the delivering thread; another one goes on with the next write");
+    logLine("delivery", "a handler has ended the delivery thread; another one continues with the next write");
     const std::lock_guard<std::mutex> guard(lock_);
     try {
         startThread();
@@ -131,7 +156,7 @@ void Delivery::replaceThread()
     }
 }
 
-// ---- the thread -----------------------------------------------------------------------------------------------------
+// ---- the delivery thread --------------------------------------------------------------------------------------------
 
 void Delivery::run()
 {
@@ -140,20 +165,19 @@ void Delivery::run()
     std::unique_lock<std::mutex> guard(lock_);
     const int signals = signals_;
     guard.unlock();
-    alignas(inotify_event) char events[4096];
+    bool mayBeRemoved = false;
     for (;;) {
         try {
+            if (mayBeRemoved) {
+                forgetRemoved();
+            }
             for (bool more = true; more;) {
                 more = false;
-                for (Half& from : halves_) {
+                for (Position& from : positions_) {
                     more = deliverSome(from) || more;
                 }
             }
-            while (read(signals, events, sizeof events) < 0) {
-                if (errno != EINTR) {
-                    throw Error(std::string("cannot wait for changes: ") + std::strerror(errno));
-                }
-            }
+            mayBeRemoved = waitForSignal(signals);
             pause = kPauseAfterError;
         } catch (const std::exception& error) {
             logLine("delivery", error.what());
@@ -163,8 +187,21 @@ void Delivery::run()
     }
 }
 
+void Delivery::forgetRemoved()
+{
+    const std::lock_guard<std::mutex> guard(lock_);
+    for (Position& position : positions_) {
+        if (position.store != nullptr && position.store->isRemoved()) {
+            const std::string message =
+                position.store->signalPath() + " was removed; restart this program to receive further changes";
+            position.store = nullptr;
+            logLine("delivery", message.c_str());
+        }
+    }
+}
+
 // Looks at a journal once; false when there was nothing new.
-bool Delivery::deliverSome(Half& from)
+bool Delivery::deliverSome(Position& from)
 {
     Batch batch;
     {
@@ -172,17 +209,12 @@ bool Delivery::deliverSome(Half& from)
         if (from.store == nullptr) {
             return false;
         }
-        if (from.store->isRemoved()) {
-            from.store = nullptr;
-            throw Error(
-                "a folder of the store was removed; restart this program to be told of what is written from now on");
-        }
         batch = collect(from);
     }
     if (batch.missed > 0) {
         const std::string message = "this process fell behind by more than the journal holds; " +
                                     std::to_string(batch.missed) +
-                                    " writes are passed over, and each key that changed gets its newest value";
+                                    " writes were dropped, and each key that changed gets its newest value";
         logLine("delivery", message.c_str());
     }
     const bool found = batch.upTo > from.seen;
@@ -194,7 +226,7 @@ bool Delivery::deliverSome(Half& from)
     return found;
 }
 
-Delivery::Batch Delivery::collect(const Half& from)
+Delivery::Batch Delivery::collect(const Position& from)
 {
     Batch batch;
     const ReadTransaction transaction(*from.store);
@@ -205,7 +237,7 @@ Delivery::Batch Delivery::collect(const Half& from)
     }
     if (record.sequence > from.seen + 1) {
         for (const auto& [key, list] : subscriptions_) {
-            if (&halves_[static_cast<size_t>(lifetimeOf(key))] == &from && transaction.value(key, record) &&
+            if (&positions_[static_cast<size_t>(lifetimeOf(key))] == &from && transaction.value(key, record) &&
                 record.sequence > from.seen) {
                 batch.writes.push_back({record.sequence, record.type, key, std::string(record.data)});
             }
@@ -257,7 +289,7 @@ void Delivery::deliver(const Write& write)
         }
         next.handler(&node, next.userData);
         if (getpid() != pid_) {
-            pthread_exit(nullptr);  // the handler forked, and in the child this would be a second delivering thread
+            pthread_exit(nullptr);  // the handler forked, and in the child this would be a second delivery thread
         }
     }
 }

@@ -1,4 +1,4 @@
-// Who in this process is told of which key, and the thread that tells them.
+// The subscriptions of this process, and the thread that delivers changes to them.
 #ifndef VCONF_DELIVERY_H
 #define VCONF_DELIVERY_H
 
@@ -17,13 +17,13 @@
 
 namespace vconf {
 
-/// Delivers every write of a subscribed key to its handlers, in the order of the writes of a half, on one thread of its
-/// own. A child of fork() makes another one.
+/// Delivers every write of a subscribed key to its handlers, in the order of each store's writes, on the delivery
+/// thread. A child of fork() has another one.
 ///
-/// The thread sleeps until a signal file is written to or closed (so also when a process that had the store open ends),
-/// then reads the journals onward from where it stopped. A process that falls behind by more than the journal holds
-/// gets the newest value of each subscribed key that changed, once, and a line in the log. When a handler ends the
-/// thread, another one goes on with the next write.
+/// The thread sleeps until a signal file is written to or closed (also by the kernel, when a writer dies). Then it
+/// reads the journals from where it stopped. A process that falls behind by more than the journal holds gets the newest
+/// value of each subscribed key that changed, once, and a line in the log. When a handler ends the thread, another one
+/// continues with the next write.
 class Delivery {
 public:
     /// Starts the thread if it does not run yet.
@@ -50,32 +50,35 @@ private:
     struct Batch {
         std::vector<Write> writes;  // of subscribed keys
         uint64_t upTo = 0;          // the last write that was looked at
-        uint64_t missed = 0;        // how many writes, of any key, are passed over
+        uint64_t missed = 0;        // how many writes, of any key, are dropped
     };
-    struct Half {
+    // How far the thread has read a store's journal.
+    struct Position {
         Store* store = nullptr;  // set by the first subscription
-        uint64_t seen = 0;  // the last write that was delivered or passed over; the thread's own once there is a store
+        uint64_t seen =
+            0;  // the last write that was delivered or dropped; only the thread uses it once there is a store
     };
 
     [[noreturn]] void run();
-    bool deliverSome(Half& from);
+    void forgetRemoved();
+    bool deliverSome(Position& from);
     void deliver(const Write& write);
-    Batch collect(const Half& from);
+    Batch collect(const Position& from);
     void startThread();
     void replaceThread();
 
-    // Protects everything below but a half's `seen`. Never held while a handler runs. A read of the store may happen
-    // under it, but no write and no first opening.
+    // Protects everything below but a position's `seen`. Never held while a handler runs. A read of the store may
+    // happen under it, but no write and no first opening.
     std::mutex lock_;
     std::map<std::string, std::vector<Subscription>, std::less<>> subscriptions_;
-    std::array<Half, 2> halves_;
+    std::array<Position, 2> positions_;  // in the persistent and the volatile store
     uint64_t nextId_ = 1;
     int signals_ = -1;
     bool running_ = false;
     const pid_t pid_ = getpid();
 };
 
-/// The half that a key belongs to.
+/// The store that a key belongs to.
 Lifetime lifetimeOf(std::string_view key);
 
 }  // namespace vconf

@@ -1,9 +1,11 @@
 #include "folder.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,27 +40,60 @@ fs::path absolute(const std::string& text, const char* variable)
     return path;
 }
 
-// A volatile store is never synced, so a crash of the machine may damage it: each start of the machine has its own
-// folder. Older ones stay, since a container may have another boot id and use the same place.
+// A volatile store is never flushed, so a crash of the machine may damage it. Therefore each boot has a folder of its
+// own. Older ones stay, because a container may have another boot id and use the same place.
 std::string thisBoot()
 {
     constexpr char kSource[] = "/proc/sys/kernel/random/boot_id";
     std::string id;
     std::ifstream(kSource) >> id;
     if (id.size() != 36) {  // a UUID
-        fail("cannot tell this start of the machine from others: cannot read ", kSource, "mount /proc");
+        fail("cannot name the folder of the volatile store: cannot read ", kSource, "mount /proc");
     }
     return "volatile-" + id;
 }
 
-void create(const fs::path& folder)
+std::string adviceOn(int error, const fs::path& path)
 {
-    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        fail("cannot create folder ", folder, std::strerror(errno));
+    switch (error) {
+        case EROFS:
+            return "; set ZOL_VCONF_DIR to a copy of the folder where files can be written";
+        case ENOENT:
+            return "; create " + path.parent_path().string();
+        case ENOSPC:
+        case EDQUOT:
+        case EFBIG:
+            return "; free some space there";
+        default:
+            return "";
     }
 }
 
-// A link is as good as its owner: one that another user has planted leads where that user wants.
+[[noreturn]] void failWith(int error, const std::string& what, const fs::path& path)
+{
+    fail(what, path, std::strerror(error) + adviceOn(error, path));
+}
+
+std::string nameOf(uid_t user)
+{
+    std::array<char, 4096> buffer{};
+    passwd entry{};
+    passwd* found = nullptr;
+    getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+    return found == nullptr ? std::to_string(user) : found->pw_name;
+}
+
+// With mode 0700 whatever the umask is.
+void create(const fs::path& folder)
+{
+    if (mkdir(folder.c_str(), S_IRWXU) == 0) {
+        (void)chmod(folder.c_str(), S_IRWXU);
+    } else if (errno != EEXIST) {
+        failWith(errno, "cannot create folder ", folder);
+    }
+}
+
+// A link that another user planted leads where that user wants, so its owner is checked, too.
 void check(const fs::path& folder, mode_t refused, const std::string& advice)
 {
     struct stat link {};
@@ -69,8 +104,11 @@ void check(const fs::path& folder, mode_t refused, const std::string& advice)
     if (!S_ISDIR(status.st_mode)) {
         fail("cannot use folder ", folder, "it is not a folder");
     }
-    if (link.st_uid != geteuid() || status.st_uid != geteuid()) {
-        fail("refused folder ", folder, "it belongs to another user; set ZOL_VCONF_DIR to a folder of your own");
+    const uid_t owner = link.st_uid != geteuid() ? link.st_uid : status.st_uid;
+    if (owner != geteuid()) {
+        fail("refused folder ", folder,
+             "it belongs to " + nameOf(owner) + "; run this program as " + nameOf(owner) +
+                 ", or set ZOL_VCONF_DIR to a folder of your own");
     }
     if ((status.st_mode & refused) != 0) {
         fail("refused folder ", folder, "others may use it; " + advice);
@@ -109,14 +147,10 @@ fs::path applicationFolder(Lifetime lifetime)
     return local / "state" / "zol-tv";
 }
 
-// A process has its record locks on a file taken away when it closes any descriptor of it, so this is only for files
-// that it does not use yet.
+// Closing any descriptor of a file drops all of the process's record locks on it. Call this before LMDB opens the file.
 void reserve(const fs::path& file, off_t size)
 {
-    const int fd = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-        fail("cannot open ", file, std::strerror(errno));
-    }
+    const int fd = openFile(file, O_RDWR | O_CREAT);
     struct stat status {};
     int error = 0;
     if (fstat(fd, &status) == 0 && status.st_blocks * 512 < size) {
@@ -126,7 +160,25 @@ void reserve(const fs::path& file, off_t size)
     }
     close(fd);
     if (error == ENOSPC || error == EDQUOT || error == EFBIG) {  // with any other, the file system just cannot do it
-        fail("cannot make room for ", file, std::strerror(error) + std::string("; free some space there"));
+        failWith(error, "cannot make room for ", file);
+    }
+}
+
+void checkFile(const fs::path& file)
+{
+    struct stat status {};
+    if (lstat(file.c_str(), &status) != 0 && errno == ENOENT) {
+        return;
+    }
+    // Somebody else may have put it there, or have it open, since before the folder was closed to others.
+    if (!S_ISREG(status.st_mode) || status.st_uid != geteuid()) {
+        fail("refused ", file, "it must be a regular file of your own; remove the folder to start from scratch");
+    }
+    if (status.st_nlink != 1) {
+        fail("refused ", file, "it is hard-linked; replace the folder by a copy of it (cp -r)");
+    }
+    if ((status.st_mode & ALLPERMS) != (S_IRUSR | S_IWUSR)) {
+        fail("refused ", file, "its mode is not 600; run chmod 600 on it, if nobody else can have changed it");
     }
 }
 
@@ -151,31 +203,34 @@ void prepareFiles(const std::string& folder, off_t dataSize, off_t lockSize)
     const fs::path lock = fs::path(folder) / "lock.mdb";
     const fs::path signal = fs::path(folder) / "signal";
     for (const fs::path& file : {data, lock, signal}) {
-        struct stat status {};
-        if (lstat(file.c_str(), &status) != 0 && errno == ENOENT) {
-            continue;
-        }
-        // Somebody else may have put it there, or have it open, since before the folder was closed to others.
-        const bool mine = S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1;
-        if (!mine || (status.st_mode & ALLPERMS) != (S_IRUSR | S_IWUSR)) {
-            fail("refused ", file,
-                 mine ? "its mode is not 600; run chmod 600 on it, if nobody else can have changed it"
-                      : "it must be a regular file of your own, not hard-linked; remove the folder to start afresh");
-        }
+        checkFile(file);
     }
     // The signal file comes last when a store is made, and every write comes after it.
     if (fs::exists(signal) && (!fs::exists(data) || fs::file_size(data) == 0)) {
-        fail("cannot use ", data, "it has been removed or emptied; remove the folder to start afresh");
+        fail("cannot use ", data, "it has been removed or emptied; remove the folder to start from scratch");
     }
     reserve(lock, lockSize);
     reserve(data, dataSize);
 }
 
-void occupyStandardFiles()
+int openFile(const std::string& path, int flags)
+{
+    const int fd = open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    if (fd < 0) {
+        failWith(errno, "cannot open ", path);
+    }
+    struct stat status {};
+    if ((flags & O_CREAT) != 0 && fstat(fd, &status) == 0 && (status.st_mode & ALLPERMS) != (S_IRUSR | S_IWUSR)) {
+        (void)fchmod(fd, S_IRUSR | S_IWUSR);
+    }
+    return fd;
+}
+
+void reserveStandardDescriptors()
 {
     int fd = -1;
     do {
-        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as before
+        fd = open("/", O_PATH | O_CLOEXEC);  // reading and writing it fail, as with a closed one
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
         close(fd);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,11 +17,9 @@ namespace vconf {
 namespace {
 
 constexpr size_t kMapSize = sizeof(void*) >= 8 ? size_t{8} << 30 : size_t{1} << 30;
-constexpr size_t kHeadroom = size_t{16} << 20;  // beyond that, for the writes that a full store takes
-constexpr size_t kSmall = 512;                  // bytes of such a write
 constexpr size_t kJournalSlack = 256;
-constexpr unsigned kMaxReaders = 4096;                    // a thread that has read holds one of these until it ends
-constexpr off_t kNewDataSize = 16384;                     // both heads and the tables' page, and one to spare
+constexpr unsigned kMaxReaders = 4096;                    // a thread that has read keeps one until it ends
+constexpr off_t kNewDataSize = 16384;                     // both meta pages, the tables' page, and one to spare
 constexpr off_t kLockSize = off_t{kMaxReaders + 4} * 64;  // a cache line a reader, and LMDB's locks
 
 struct [[gnu::packed]] ValueHeader {
@@ -37,10 +34,19 @@ struct [[gnu::packed]] JournalHeader {
     uint16_t keySize;
 };
 
-// The database is no longer what the store wrote.
-struct Damage : Error {
-    using Error::Error;
+// The content of the signal file.
+struct Users {
+    uint64_t signal;  // its first byte is written after every write
+    uint64_t pidNamespace;
+    uint64_t dataInode;
+    uint64_t lockInode;
 };
+
+uint64_t inodeOf(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): LMDB has one type for what it reads and for what it fills
 MDB_val valueOf(std::string_view text) { return {text.size(), const_cast<char*>(text.data())}; }
@@ -54,7 +60,7 @@ size_t bytesOf(const MDB_stat& table)
 
 void closeFolder(const int* folder)
 {
-    flock(*folder, LOCK_UN);  // also where a child that another thread forked meanwhile has it open, too
+    flock(*folder, LOCK_UN);  // even if a child that another thread forked meanwhile has it open
     close(*folder);
 }
 
@@ -93,7 +99,7 @@ MDB_txn* Store::begin(Use& use, unsigned flags)
         {
             const std::lock_guard<std::shared_mutex> alone(lock_);
             if (env_ == broken) {  // cppcheck-suppress knownConditionTrueFalse ; the same
-                logLine("store", ("opening " + folder_ + " anew, since a write was broken off").c_str());
+                logLine("store", ("opening " + folder_ + " again, because a write failed").c_str());
                 close();
             }
         }
@@ -113,14 +119,14 @@ void Store::open()
     if (folder_.empty()) {
         folder_ = findFolder(lifetime_);
     }
-    occupyStandardFiles();
+    reserveStandardDescriptors();
     const int folder = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0) {
         throw Error("cannot open " + folder_ + ": " + std::strerror(errno));
     }
     const std::unique_ptr<const int, decltype(&closeFolder)> closes(&folder, closeFolder);
-    // One process at a time: another one that LMDB opens the lock file for takes it to be set up, even if this one is
-    // killed before that.
+    // Only one process at a time may open the store. If a process dies while LMDB is setting up the lock file, the next
+    // one would assume that the file is complete.
     while (flock(folder, LOCK_EX) != 0 && errno == EINTR) {
     }
     try {
@@ -131,14 +137,14 @@ void Store::open()
     }
 }
 
-// The signal file comes last when a store is made, after all else is on the disk.
+// The signal file is created last, after all else is on disk.
 void Store::openFiles(int folder)
 {
     const std::string data = folder_ + "/data.mdb";
     prepareFiles(folder_, kNewDataSize, kLockSize);
     std::string head(20, '\0');
     std::ifstream(data).read(head.data(), 20);
-    if (head.compare(20 - sizeof(void*), 4, "\xDE\xC0\xEF\xBE") == 0) {  // where LMDB marks a file of the other size
+    if (head.compare(20 - sizeof(void*), 4, "\xDE\xC0\xEF\xBE") == 0) {  // LMDB's mark in a file of the other size
         throw Error("cannot use " + folder_ + ": it was made by a program of " + (sizeof(void*) == 8 ? "32" : "64") +
                     " bits; set ZOL_VCONF_DIR to another folder for programs of this size");
     }
@@ -146,18 +152,7 @@ void Store::openFiles(int folder)
     if (!isNew) {
         openSignal(0);
     }
-    try {
-        openEnvironment();
-    } catch (const Damage&) {
-        struct stat status {};
-        if (!isNew || stat(data.c_str(), &status) != 0 || status.st_size > kNewDataSize) {
-            throw;
-        }
-        close();  // the machine failed while the store was made, and nobody has written to it yet
-        logLine("store", ("making " + data + " anew; what it was is kept as data.mdb.unusable").c_str());
-        (void)std::rename(data.c_str(), (data + ".unusable").c_str());
-        openEnvironment();
-    }
+    openEnvironment();
     if (isNew) {
         checked("write to the disk", mdb_env_sync(env_, 1));
         (void)fsync(folder);
@@ -169,12 +164,13 @@ void Store::openEnvironment()
 {
     checked("create", mdb_env_create(&env_));
     checked("set up", mdb_env_set_maxdbs(env_, 2));
-    checked("set up", mdb_env_set_mapsize(env_, kMapSize + kHeadroom));
+    checked("set up", mdb_env_set_mapsize(env_, kMapSize));
     checked("set up", mdb_env_set_maxreaders(env_, kMaxReaders));
     // A persistent write is flushed in two steps, see write().
     const unsigned flags = lifetime_ == Lifetime::Persistent ? MDB_NOMETASYNC : MDB_NOSYNC;
     checked("open", mdb_env_open(env_, folder_.c_str(), flags, 0600));
-    checkDataFile(0);
+    (void)fcntl(dataFile(), F_SETFD, FD_CLOEXEC);  // LMDB does so for its other files only
+    extendDataFile();
     checked("clear the reader table of", mdb_reader_check(env_, nullptr));  // of readers that were killed
     openTables();
 }
@@ -199,31 +195,43 @@ void Store::openTables()
     checked("open the tables of", mdb_txn_commit(txn.release()));
 }
 
-// LMDB tells processes from each other by their ids, so all must be of one PID namespace. It stands in the signal file,
-// and who uses the store holds a lock on that.
+// LMDB identifies processes by their ids, so all must be in one PID namespace. It excludes them by a mutex in the lock
+// file, so all must have the same files open, even if somebody has replaced one. The signal file holds what the present
+// users of the store agree on, and each of them holds a lock on it.
 void Store::openSignal(int flags)
 {
     const std::string path = folder_ + "/signal";
-    signal_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
-    if (signal_ < 0) {
-        throw Error("cannot open " + path + ": " + std::strerror(errno));
-    }
-    struct stat status {};
-    (void)stat("/proc/thread-self/ns/pid", &status);
-    // The first byte is what is written to; it takes its place on the disk now, so that a full one cannot keep a later
-    // signal from being given.
-    const std::array<uint64_t, 2> mine{0, status.st_ino};
-    std::array<uint64_t, 2> found{};
-    if (pread(signal_, found.data(), sizeof found, 0) != sizeof found || found[1] != mine[1]) {
+    signal_ = openFile(path, O_RDONLY | flags);
+    const Users mine{0, inodeOf("/proc/thread-self/ns/pid"), inodeOf(folder_ + "/data.mdb"),
+                     inodeOf(folder_ + "/lock.mdb")};
+    Users found{};
+    const ssize_t size = pread(signal_, &found, sizeof found, 0);
+    if (size != sizeof found || std::memcmp(&found, &mine, sizeof mine) != 0) {
         if (flock(signal_, LOCK_EX | LOCK_NB) != 0) {
-            throw Error("cannot use " + folder_ + ": it is in use from another PID namespace (a container); set " +
-                        "ZOL_VCONF_DIR to a folder of its own in each");
+            throw Error(
+                "cannot use " + folder_ + ": " +
+                (found.pidNamespace != mine.pidNamespace
+                     ? "it is in use from another PID namespace (a container); set ZOL_VCONF_DIR to a folder of "
+                       "its own in each"
+                     : "data.mdb or lock.mdb was removed or replaced while programs use it; end these first"));
         }
-        if (pwrite(signal_, mine.data(), sizeof mine, 0) != sizeof mine) {
+        // This also takes the space for the byte that every write changes, so that a full disk cannot keep it from
+        // that.
+        if (pwrite(signalForWriting(), &mine, sizeof mine, 0) != sizeof mine) {
             throw Error("cannot write to " + path + ": " + std::strerror(errno));
         }
     }
     flock(signal_, LOCK_SH);
+}
+
+// Opened at the first write only, because closing it wakes the watching processes.
+int Store::signalForWriting()
+{
+    if (signalWriter_ < 0) {
+        reserveStandardDescriptors();
+        signalWriter_ = openFile(folder_ + "/signal", O_WRONLY);
+    }
+    return signalWriter_;
 }
 
 void Store::close()
@@ -235,36 +243,52 @@ void Store::close()
 
 void Store::closeSignal()
 {
-    if (signal_ >= 0) {
-        ::close(signal_);
+    for (int* const fd : {&signal_, &signalWriter_}) {
+        if (*fd >= 0) {
+            ::close(*fd);
+        }
+        *fd = -1;
     }
-    signal_ = -1;
 }
 
-// A file that was cut short would be a bus error when a lost page is read. A page at the end that a write takes and
-// gives back is never written, so the file is first made longer than a write can make it: by the value twice, by the
-// list of free pages (8 bytes each) twice, and by copies of the tables' pages.
-void Store::checkDataFile(size_t toWrite) const
+// Reading a page beyond the end of the file would be a bus error. LMDB leaves free pages at the end unwritten, so a
+// file that is too short need not be damaged. If a page in use is missing, it reads as zeros, which are no valid page.
+void Store::extendDataFile() const
+{
+    if (dataStatus().st_size >= usedSize()) {
+        return;
+    }
+    MDB_txn* begun = nullptr;  // keeps other processes from writing, as their pages would be cut off
+    checked("write to", mdb_txn_begin(env_, nullptr, 0, &begun));
+    const WriteTransaction txn(begun);
+    if (dataStatus().st_size < usedSize() && ftruncate(dataFile(), usedSize()) != 0) {
+        fail("write to", errno);
+    }
+}
+
+off_t Store::usedSize() const
 {
     MDB_envinfo info{};
     MDB_stat stat{};
     checked("inspect", mdb_env_info(env_, &info));
     checked("inspect", mdb_env_stat(env_, &stat));
+    return static_cast<off_t>(info.me_last_pgno + 1) * stat.ms_psize;
+}
+
+int Store::dataFile() const
+{
     int fd = -1;
     checked("inspect", mdb_env_get_fd(env_, &fd));
+    return fd;
+}
+
+struct stat Store::dataStatus() const
+{
     struct stat status {};
-    if (fstat(fd, &status) != 0 || status.st_nlink == 0) {
+    if (fstat(dataFile(), &status) != 0 || status.st_nlink == 0) {
         throw Error("cannot use the store in " + folder_ + ": its files were removed; restart this program");
     }
-    const size_t used = (info.me_last_pgno + 1) * stat.ms_psize;
-    if (static_cast<size_t>(status.st_size) < used) {
-        throw Damage("cannot use " + folder_ + "/data.mdb: it has been cut short; remove the folder to start afresh");
-    }
-    constexpr size_t kCopies = size_t{1} << 20;
-    const size_t needed = used + 2 * toWrite + used / 256 + kCopies;
-    if (toWrite > 0 && static_cast<size_t>(status.st_size) < needed) {
-        checked("write to", ftruncate(fd, static_cast<off_t>(needed + kCopies)) == 0 ? 0 : errno);
-    }
+    return status;
 }
 
 std::string Store::signalPath()
@@ -287,16 +311,19 @@ void Store::fail(const std::string& what, int code) const
         case ENOMEM:
             throw std::bad_alloc();
         case MDB_MAP_FULL:
-            throw Error(message + "; the store is full, set values to shorter ones");
+            throw Error(message + "; save the settings with zolctl dump, then remove the folder");
         case ENOSPC:
             throw Error(message + "; free some space there");
         case EIO:  // also where the disk took a part of what was written
             throw Error(message + "; its disk may be full");
         case MDB_VERSION_MISMATCH:
-            throw Error(message + "; remove the folder to start afresh");
         case MDB_INVALID:
         case MDB_CORRUPTED:
-            throw Damage(message + "; remove the folder to start afresh");
+        case MDB_PAGE_NOTFOUND:
+        case MDB_PAGE_FULL:
+        case MDB_CURSOR_FULL:
+        case MDB_INCOMPATIBLE:
+            throw Error(message + "; remove the folder to start from scratch");
         default:
             throw Error(message);
     }
@@ -321,10 +348,10 @@ bool ReadTransaction::value(std::string_view key, Record& record) const
     }
     store_.checked("read", code);
     ValueHeader header{};
-    if (stored.mv_size < sizeof header) {
+    std::memcpy(&header, stored.mv_data, std::min(sizeof header, stored.mv_size));
+    if (stored.mv_size < sizeof header || header.sequence == 0) {
         store_.fail("read", MDB_CORRUPTED);
     }
-    std::memcpy(&header, stored.mv_data, sizeof header);
     record = {header.sequence, header.type, key, textOf(stored).substr(sizeof header)};
     return true;
 }
@@ -355,7 +382,7 @@ bool Store::journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Re
     checked("read", code);
     JournalHeader header{};
     std::memcpy(&header, stored.mv_data, std::min(sizeof header, stored.mv_size));
-    if (stored.mv_size < sizeof header + header.keySize) {
+    if (stored.mv_size < sizeof header + header.keySize || header.keySize == 0) {
         fail("read", MDB_CORRUPTED);
     }
     std::memcpy(&record.sequence, number.mv_data, sizeof record.sequence);
@@ -371,12 +398,12 @@ void Store::write(std::string_view key, int type, std::string_view data)
 {
     Use inUse = use();
     WriteTransaction txn(begin(inUse, 0));
-    checkDataFile(sizeof(ValueHeader) + data.size());
+    (void)dataStatus();                     // fails if the files were removed
+    const int signal = signalForWriting();  // LMDB lets one thread at a time come here
 
     Record last;
     journalEntry(txn.get(), 0, MDB_LAST, last);
     uint64_t sequence = last.sequence + 1;
-    const size_t before = bytesOf(statOf(txn.get(), values_));
 
     const ValueHeader header{sequence, 0, static_cast<uint8_t>(type)};
     MDB_val name = valueOf(key);
@@ -395,26 +422,18 @@ void Store::write(std::string_view key, int type, std::string_view data)
     std::memcpy(to + sizeof entry + key.size(), data.data(), data.size());
 
     trimJournal(txn.get());
-    // Even a write that shortens a value needs new pages before it gives back old ones.
-    MDB_envinfo info{};
-    checked("inspect", mdb_env_info(env_, &info));
-    const size_t after = bytesOf(statOf(txn.get(), values_));
-    if ((after > before || data.size() > kSmall) &&
-        after + bytesOf(statOf(txn.get(), journal_)) + kHeadroom > info.me_mapsize) {
-        fail("write to", MDB_MAP_FULL);
-    }
     checked("write to", mdb_txn_commit(txn.release()));
 
-    // Not before the commit: whoever is woken must find the write. It writes over a byte that is there already.
-    if (pwrite(signal_, "", 1, 0) != 1) {
+    // After the commit, because a process that wakes up must find the write. It changes a byte that is already there.
+    if (pwrite(signal, "", 1, 0) != 1) {
         const int other = ::open((folder_ + "/signal").c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
         if (other >= 0) {
             ::close(other);  // wakes the watchers, too
         }
     }
     if (lifetime_ == Lifetime::Persistent) {
-        // The commit has flushed all but the page that makes it the current state. Others need not wait for that one:
-        // should the machine fail meanwhile, they fail with it.
+        // The commit has flushed all but the page that makes it current. Other processes need not wait for that one: if
+        // the machine fails meanwhile, they fail with it.
         checked("write to the disk", mdb_env_sync(env_, 1));
     }
 }
@@ -426,7 +445,7 @@ MDB_stat Store::statOf(MDB_txn* txn, MDB_dbi table) const
     return stat;
 }
 
-// Many at a time and seldom, since every write that removes some has more pages to write.
+// Many at a time and seldom, because a write that removes entries has more pages to write.
 void Store::trimJournal(MDB_txn* txn) const
 {
     size_t most = kJournalWrites + kJournalSlack;

@@ -1,14 +1,16 @@
-// One half of the desk store: an LMDB environment with the values and the journal of the latest writes.
+// A store of the desk platform: an LMDB environment with the values and the journal of the latest writes.
 //
-// Two tables, both in the native byte order, since nothing but this machine reads them:
+// Two tables, both in the native byte order, because only this machine reads them:
 //   values   key                        -> sequence number (8), unused (8), type (1), data
 //   journal  sequence number (8)        -> unused (8), type (1), length of the key (2), key, data
-// Every write changes both in one transaction. Sequence numbers rise by one a write and are never used again.
+// Every write changes both in one transaction. Sequence numbers increase by one per write and are
+// never reused.
 #ifndef VCONF_STORE_H
 #define VCONF_STORE_H
 
 #include <dlog.h>
 #include <lmdb.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -31,13 +33,13 @@ struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Allocates nothing, since it also tells of a lack of memory.
+/// Allocates nothing, because it also reports a lack of memory.
 inline void logLine(const char* function, const char* message)
 {
     dlog_print(DLOG_ERROR, "VCONF", "%s: %s\n", function, message);
 }
 
-/// A value as it lies in the store; `key` and `data` point into the store and last as long as the transaction.
+/// A value in the store. `key` and `data` point into the store and are valid during the transaction.
 struct Record {
     uint64_t sequence = 0;
     int type = 0;
@@ -47,24 +49,24 @@ struct Record {
 
 using Use = std::shared_lock<std::shared_mutex>;
 
-/// One environment. There is one object for each half in a process; it is opened at its first use and never closed.
-/// Any thread may use it at any time; LMDB's own lock, shared by all processes, lets one write at a time. All functions
-/// throw std::exception when the folder or the environment cannot be used.
+/// The persistent or the volatile store. A process has one object for each, which is opened at its first use and never
+/// closed. Any thread may use it at any time. LMDB's writer lock, shared by all processes, lets one write at a time.
+/// All functions throw std::exception when the folder or the environment cannot be used.
 class Store {
 public:
     explicit Store(Lifetime lifetime) : lifetime_(lifetime) {}
 
-    /// Stores a value and journals the write, both or neither. A persistent value is on disk after that.
+    /// Stores a value and an entry in the journal, both or neither. A persistent value is then on disk.
     void write(std::string_view key, int type, std::string_view data);
 
-    /// The file that is written to after every write. A process that has it open for writing and ends, whichever way,
-    /// closes it, so that a watcher of the file also learns of a write whose writer was killed before it could tell.
+    /// The file that is written to after every write. When a writer dies, the kernel closes its descriptor and inotify
+    /// reports that. So watchers notice a write even if its writer was killed before it could signal.
     std::string signalPath();
 
-    /// Whether the folder was removed; what is open then is nobody else's any more.
+    /// Whether the folder was removed. This process then still has the files open, but no other process finds them.
     bool isRemoved();
 
-    /// In a child process: gives up the file that would keep other processes from noticing the parent's end.
+    /// In a child process: closes the file, which would otherwise hide the parent's end from other processes.
     void closeSignal();
 
 private:
@@ -77,8 +79,12 @@ private:
     void openEnvironment();
     void openTables();
     void openSignal(int flags);
+    int signalForWriting();
     void close();
-    void checkDataFile(size_t toWrite) const;
+    void extendDataFile() const;
+    off_t usedSize() const;
+    int dataFile() const;
+    struct stat dataStatus() const;
     bool journalEntry(MDB_txn* txn, uint64_t sequence, MDB_cursor_op move, Record& record) const;
     MDB_stat statOf(MDB_txn* txn, MDB_dbi table) const;
     void trimJournal(MDB_txn* txn) const;
@@ -86,12 +92,13 @@ private:
     void checked(const char* what, int code) const;
 
     const Lifetime lifetime_;
-    std::shared_mutex lock_;  // of what is below: shared by those who use it, alone for who opens it
+    std::shared_mutex lock_;  // of what is below: shared to use it, exclusive to open it
     std::string folder_;
     MDB_env* env_ = nullptr;
     MDB_dbi values_ = 0;
     MDB_dbi journal_ = 0;
-    int signal_ = -1;
+    int signal_ = -1;        // for reading, with a lock
+    int signalWriter_ = -1;  // set and used in a write transaction
 };
 
 /// A snapshot for reading. At most one may be open in a thread.

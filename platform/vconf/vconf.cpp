@@ -1,4 +1,4 @@
-// The desk platform's key-value store: the functions of vconf.h on top of the store's two halves.
+// The desk platform's key-value store: the functions of vconf.h on top of the persistent and the volatile store.
 
 #include <vconf.h>
 
@@ -19,29 +19,30 @@
 namespace vconf {
 namespace {
 
-// All that a process holds of the store. Never destroyed: threads may use the store until the very end of the process.
+// What a process has of the stores. Never destroyed, because threads may use them until the process exits.
 //
-// Locks, in the order in which they are taken: the lock of `delivery`, then the one of a half, then LMDB's writer lock.
+// Locks, in the order in which they are taken: the lock of `delivery`, then a store's, then LMDB's writer lock.
 //
-// A child of fork() makes everything anew, locks included, and leaves alone what its parent made: LMDB would clear the
-// parent's entries in the table of readers.
+// A child of fork() creates a new one, locks included, and leaves its parent's alone: LMDB would clear the parent's
+// entries in the table of readers.
 struct Process {
     explicit Process(const Process* from) : inherited(from) {}
 
-    std::array<Store, 2> halves{Store(Lifetime::Persistent), Store(Lifetime::Volatile)};
+    std::array<Store, 2> stores{Store(Lifetime::Persistent), Store(Lifetime::Volatile)};
     Delivery delivery;
     bool ofParent = false;
-    const Process* const inherited;  // keeps it in sight of leak checkers
+    const Process* const inherited;  // so that leak checkers still find it
 };
 
 std::atomic<Process*> current{nullptr};
 
 void leaveToParent()
 {
-    if (Process* const the = current) {
-        the->ofParent = true;
-        for (Store& half : the->halves) {
-            half.closeSignal();
+    Process* const made = current;
+    if (made != nullptr) {
+        made->ofParent = true;
+        for (Store& store : made->stores) {
+            store.closeSignal();
         }
     }
 }
@@ -51,20 +52,20 @@ const bool forksAreSeen = pthread_atfork(nullptr, nullptr, leaveToParent) == 0;
 // Without a lock, which a child forked by another thread would find taken.
 Process& process()
 {
-    Process* the = current;
-    if (the == nullptr || the->ofParent) {
+    Process* known = current;
+    if (known == nullptr || known->ofParent) {
         if (!forksAreSeen) {
             throw std::bad_alloc();
         }
-        auto made = std::make_unique<Process>(the);
-        if (current.compare_exchange_strong(the, made.get())) {
-            the = made.release();
+        auto made = std::make_unique<Process>(known);
+        if (current.compare_exchange_strong(known, made.get())) {
+            known = made.release();
         }
     }
-    return *the;
+    return *known;
 }
 
-Store& storeOf(Lifetime lifetime) { return process().halves[static_cast<size_t>(lifetime)]; }
+Store& storeOf(Lifetime lifetime) { return process().stores[static_cast<size_t>(lifetime)]; }
 
 std::string_view checkedKey(const char* key)
 {
@@ -96,8 +97,8 @@ const char* nameOf(int type)
     return type >= 0 && type < 3 ? kNames.at(static_cast<size_t>(type)) : "something unknown";
 }
 
-// Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result. No
-// thread is cancelled meanwhile, as LMDB would be left half-way.
+// Runs the body of a function of vconf.h and turns what it throws into one line in the log and a failing result. The
+// thread is not cancelled meanwhile, because that would leave LMDB's locks taken.
 template <class Body, class Result>
 Result guarded(const char* function, Result failed, Body body)
 {
@@ -128,14 +129,14 @@ int getNumber(const char* function, const char* key, int type, int* value)
 {
     return guarded(function, -1, [=] {
         const std::string_view name = checkedKey(key);
-        checkedPointer(value, "the value's place", name);
+        checkedPointer(value, "the pointer for the value", name);
         const ReadTransaction transaction(storeOf(lifetimeOf(name)));
         Record record;
         if (!find(transaction, name, type, record)) {
             return -1;
         }
         if (record.data.size() != sizeof *value) {
-            throw Error("key " + std::string(name) + " is damaged; write it anew");
+            throw Error("key " + std::string(name) + " is damaged; write it again");
         }
         std::memcpy(value, record.data.data(), sizeof *value);
         return 0;
@@ -166,6 +167,9 @@ char* vconf_get_str(const char* key)
         Record record;
         if (!find(transaction, name, VCONF_TYPE_STRING, record)) {
             return nullptr;
+        }
+        if (record.data.find('\0') != std::string_view::npos) {
+            throw Error("key " + std::string(name) + " is damaged; write it again");
         }
         char* const copy = strndup(record.data.data(), record.data.size());
         if (copy == nullptr) {
@@ -215,7 +219,8 @@ int vconf_ignore_key_changed(const char* key, vconf_callback_fn handler)
     });
 }
 
-/// For tools on a desk, so not in vconf.h: a copy from malloc of the path of the key's half, or null if it is unusable.
+/// For tools on a desk, so not in vconf.h: the folder of the key's store, as a copy from malloc, or null if it cannot
+/// be used.
 extern "C" char* vconf_desk_folder(const char* key)
 {
     return guarded(__func__, static_cast<char*>(nullptr),

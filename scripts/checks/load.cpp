@@ -35,7 +35,7 @@ constexpr std::array<const char*, 7> kTexts = {
 constexpr std::array<const char*, 4> kNumbers = {key::DravixResetCount, key::ServiceResetCount, key::FactoryResetCount,
                                                  key::BackgroundVolume};
 constexpr std::array<const char*, 2> kSwitches = {key::ZOLActivated, key::ZOLMultipleMode};
-constexpr unsigned kCounterBits = 20;  // of a number; the writer stands above them
+constexpr unsigned kCounterBits = 20;  // of a number; the writer's number is above them
 constexpr unsigned kMaxWriters = 1U << (31 - kCounterBits);
 
 std::atomic<bool> stopWriting{false};
@@ -56,7 +56,7 @@ std::map<const char*, Watched>& watched = *new std::map<const char*, Watched>;  
 unsigned torn = 0;
 unsigned disorder = 0;
 unsigned gaps = 0;
-unsigned long told = 0;
+unsigned long received = 0;
 
 void count(Watched& topic, unsigned writer, unsigned counter)
 {
@@ -71,7 +71,7 @@ void count(Watched& topic, unsigned writer, unsigned counter)
 void onText(std::string value, void* topic)
 {
     const std::lock_guard<std::mutex> guard(watchedLock);
-    ++told;
+    ++received;
     Watched& its = watched[static_cast<const char*>(topic)];
     unsigned writer = 0;
     unsigned counter = 0;
@@ -88,7 +88,7 @@ void onText(std::string value, void* topic)
 void onNumber(int value, void* topic)
 {
     const std::lock_guard<std::mutex> guard(watchedLock);
-    ++told;
+    ++received;
     Watched& its = watched[static_cast<const char*>(topic)];
     count(its, static_cast<unsigned>(value) >> kCounterBits, static_cast<unsigned>(value) % (1U << kCounterBits));
     its.last = std::to_string(value);
@@ -97,7 +97,7 @@ void onNumber(int value, void* topic)
 void onSwitch(bool value, void* topic)
 {
     const std::lock_guard<std::mutex> guard(watchedLock);
-    ++told;
+    ++received;
     watched[static_cast<const char*>(topic)].last = value ? "1" : "0";
 }
 
@@ -174,10 +174,10 @@ int work(unsigned writer)
             threadsBefore = statusOf("Threads");
         }
     }
-    // The driver writes "end" to a key of each half when all have stopped.
+    // The driver writes "end" to a key of each store when all have stopped.
     for (int waits = 0;; ++waits) {
         if (waits == 6000) {
-            std::printf("worker %4u was not told of the end\n", writer);
+            std::printf("worker %4u was not notified of the end\n", writer);
             return 1;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -193,8 +193,8 @@ int work(unsigned writer)
     for (const auto& [topic, its] : watched) {
         stale += its.last == stored(topic) ? 0 : 1;
     }
-    std::printf("worker %4u: told %8lu, torn %u, out of order %u, gaps %u, stale %u, memory %+ld KiB, threads %s\n",
-                writer, told, torn, disorder, gaps, stale, growth, sameThreads ? "the same" : "changed");
+    std::printf("worker %4u: received %8lu, torn %u, out of order %u, gaps %u, stale %u, memory %+ld KiB, threads %s\n",
+                writer, received, torn, disorder, gaps, stale, growth, sameThreads ? "the same" : "changed");
     const bool fellBehind = gaps > 0;  // the script looks for the log line that must go with it
     return torn + disorder + stale > 0 || growth > 4096 || !sameThreads ? 1 : fellBehind ? 4 : 0;
 }

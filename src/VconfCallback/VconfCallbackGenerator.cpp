@@ -1,3 +1,4 @@
+// The watcher of one vconf key.
 #include "VconfCallbackGenerator.h"
 
 #include <vconf.h>
@@ -8,7 +9,7 @@
 #include <new>
 
 #include "../log.h"
-#include "WatcherUse.h"  // describes the locks
+#include "WatcherSlot.h"  // describes the locks
 
 namespace {
 
@@ -45,10 +46,6 @@ VconfCallbackGenerator::VconfCallbackGenerator(DataValueType type, const std::st
 VconfCallbackGenerator::~VconfCallbackGenerator()
 {
     dlog_print(ZOL_BARE_LINE("Start"));
-    std::unique_lock<std::mutex> guard(listMutex, std::defer_lock);
-    if (!WatcherUse::isOfRegistry(this)) {
-        guard.lock();  // waits for a running dispatch; a watcher of the registry has none by now
-    }
     for (CallbackNode* node : nodeList) {
         std::free(node);
     }
@@ -138,8 +135,8 @@ void VconfCallbackGenerator::VconfCallbackMethod(keynode_t* node, void* userData
         dlog_print(ZOL_LINE("This can not be a null pointer"));
         return;
     }
-    const WatcherUse use(userData);
-    VconfCallbackGenerator* const watcher = use.watcher();
+    const zol::DispatchGuard dispatch(userData);
+    VconfCallbackGenerator* const watcher = dispatch.watcher();
     if (watcher == nullptr || !watcher->isExistVconfCallback) {
         dlog_print(ZOL_LINE("isExistVconfCallback is FALSE"));
         return;

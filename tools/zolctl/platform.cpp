@@ -156,7 +156,7 @@ using namespace zolctl;
             const char* const text = colon == nullptr ? made : colon + 2;  // which function it was helps nobody here
             lastLine.assign(text, std::strcspn(text, "\n"));
             const DeliveryReport report = deliveryReport.load();
-            const std::size_t end = lastLine.find(" writes are passed over");
+            const std::size_t end = lastLine.find(" writes were dropped");
             if (report != nullptr && end != std::string::npos) {
                 const std::size_t space = lastLine.rfind(' ', end - 1);
                 report("", std::strtoull(&lastLine[space + 1], nullptr, 10));

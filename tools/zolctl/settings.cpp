@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "ZOLSettings.h"
 #include "ZOLSystemData.h"
 #include "ZOLSystemDataNotify.h"
 #include "ZOLTypedKeys.h"
@@ -44,63 +45,26 @@ std::size_t editDistance(const std::string& a, const std::string& b)
     return row[b.size()];
 }
 
-// A setting by what the library lets its callers do. All names are made of its own.
-// NOLINTBEGIN(cppcoreguidelines-macro-usage): only macros can join names
-#define SETTING(type, name, text, ...)                             \
-    Setting                                                        \
-    {                                                              \
-#name, key::name, text, Operations < type> { __VA_ARGS__ } \
-    }
-#define READ(type, name, text) SETTING(type, name, text, Data::Get##name)
-#define READ_WRITE(type, name, text) SETTING(type, name, text, Data::Get##name, Data::Set##name)
-#define READ_WATCH(type, name, text) WATCH(type, name, text, Data::Get##name)
-#define READ_WRITE_WATCH(type, name, text) \
-    SETTING(type, name, text, Data::Get##name, Data::Set##name, Notify::Register##name##Callback)
-#define WATCH(type, name, text, get) SETTING(type, name, text, get, nullptr, Notify::Register##name##Callback)
-// NOLINTEND(cppcoreguidelines-macro-usage)
-
 }  // namespace
+
+#define TYPE_BOOL bool
+#define TYPE_INT int
+#define TYPE_STRING std::string
+#define GETTER_READ(name) Data::Get##name
+#define GETTER_READ_IS(name) Data::Get##name
+#define GETTER_READ_LIST(name) getAppListText
+#define GETTER_(name) nullptr
+#define SETTER_WRITE(name) Data::Set##name
+#define SETTER_(name) nullptr
+#define WATCHER_WATCH(name) Notify::Register##name##Callback
+#define WATCHER_(name) nullptr
+#define SETTING(name, type, read, write, watch, key, description) \
+    Setting{#name, key, description,                              \
+            Operations<TYPE_##type>{GETTER_##read(name), SETTER_##write(name), WATCHER_##watch(name)}},
 
 const std::vector<Setting>& allSettings()
 {
-    using std::string;
-    static const auto& settings = *new std::vector<Setting>{
-        READ_WRITE(string, AovModeSetter, "the always-on-voice mode"),
-        READ_WRITE(string, OSDLanguage, "the on-screen language"),
-        READ_WRITE(string, AssistantFarField, "the assistant's far-field setting"),
-        READ_WRITE_WATCH(string, ZOLSituationalHintSupported, "whether situational hints are supported"),
-        READ_WRITE_WATCH(string, ZOLLanguage, "the assistant language"),
-        READ_WRITE_WATCH(string, ZOLDefaultAssistantAppid, "the app id of the default assistant"),
-
-        READ_WATCH(string, WebAppUninstall, "the web app that was uninstalled last"),
-        READ_WATCH(string, WebAppInstall, "the web app that was installed last"),
-        READ(string, MultiViewMode, "the multiview mode"),
-        READ(string, ModelId, "the TV's model id"),
-        READ(string, TVName, "the TV's device name"),
-        READ_WATCH(string, OSDCountry, "the on-screen country code"),
-
-        READ_WATCH(int, BackgroundVolume, "the background volume of the voice guide"),
-
-        READ_WRITE_WATCH(bool, ZOLActivated, "whether the assistant is activated"),
-        READ_WRITE_WATCH(bool, ZOLMultipleMode, "whether several assistants may be used"),
-
-        READ(bool, PowerOffStatus, "the power-off state"),
-        READ(bool, MultiOutputAudio, "whether audio goes to several outputs"),
-        READ(bool, AccessibilityVoiceGuide, "whether the voice guide is on"),
-        READ(bool, AccessibilityAudioDescription, "whether audio description is on"),
-        READ(bool, AccessibilityHighContrast, "whether high contrast is on"),
-        READ(bool, AccessibilityGrayScale, "whether grayscale is on"),
-        READ(bool, AccessibilityEnlarge, "whether enlargement (focus zoom) is on"),
-        READ(bool, AccessibilityColorInversion, "whether colour inversion is on"),
-        READ(bool, ArtAppStatus, "the state of the art app"),
-        READ(bool, AmbientMode, "the state of ambient mode"),
-
-        WATCH(string, ZOLConcurrentAppList, "the apps in concurrent mode, as a JSON array", getAppListText),
-
-        WATCH(int, DravixResetCount, "how many times Dravix was reset", nullptr),
-        WATCH(int, ServiceResetCount, "how many service resets there were", nullptr),
-        WATCH(int, FactoryResetCount, "how many factory resets there were", nullptr),
-    };
+    static const auto& settings = *new std::vector<Setting>{ZOL_SETTINGS(SETTING)};
     return settings;
 }
 

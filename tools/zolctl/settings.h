@@ -1,5 +1,4 @@
-// The catalogue: every setting of the TV, what it is, its key and the library's operations on it, once; its values; and
-// the errors.
+// The settings: the rows of the library's catalogue with the operations on them, their values, and the errors.
 #ifndef ZOLCTL_SETTINGS_H
 #define ZOLCTL_SETTINGS_H
 

@@ -21,8 +21,8 @@ typedef enum { DLOG_VERBOSE = 2, DLOG_DEBUG, DLOG_INFO, DLOG_WARN, DLOG_ERROR = 
 ///
 /// The desk platform writes to the target that the environment variable ZOL_DLOG names at the first line: "stderr" (the
 /// default), "off", or the path of a file to append to. Lines do not mix in files opened for appending, nor elsewhere
-/// up to PIPE_BUF bytes. A line that cannot be written within half a second is lost, and so are the following ones as
-/// long as that lasts; then one line says how many were lost.
+/// up to PIPE_BUF bytes. A line that cannot be written within two seconds is dropped. While that
+/// lasts, so are the following ones; then one line says how many lines were lost.
 int dlog_print(log_priority priority, const char* tag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus

@@ -21,7 +21,7 @@
 extern "C" {
 #endif
 
-/// The type of a key's value, as `keynode_t` tells it.
+/// The type of a key's value, as in `keynode_t`.
 enum { VCONF_TYPE_BOOL = 0, VCONF_TYPE_INT = 1, VCONF_TYPE_STRING = 2 };
 
 /// A changed key, as passed to a handler. The record and its texts belong to the store and are valid during the call.
