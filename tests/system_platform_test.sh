@@ -167,7 +167,7 @@ int dlog_print(log_priority, const char*, const char*, ...) { return 0; }
 END
 
 # ---- the build ----
-if command -v arm-linux-gnueabihf-g++ qemu-arm >/dev/null; then
+if command -v arm-linux-gnueabihf-g++ >/dev/null && command -v qemu-arm >/dev/null; then
     compiler=arm-linux-gnueabihf-g++
     targets=(settings_panel zolctl)
     settings=(-DCMAKE_TOOLCHAIN_FILE=toolchain.cmake)
@@ -191,7 +191,8 @@ include(FetchContent)
 FetchContent_Declare(capi-zol-tv SOURCE_DIR "$source_dir" OVERRIDE_FIND_PACKAGE)
 add_subdirectory("$source_dir/examples" examples)
 END
-(cd "$scratch" && cmake -B build "${settings[@]}" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=ON -DCMAKE_BUILD_TYPE=Debug &&
+(cd "$scratch" && cmake -B build "${settings[@]}" -DZOL_PLATFORM=system -DZOL_BUILD_TOOLS=ON -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_CXX_FLAGS=-Weffc++ &&
     cmake --build build --parallel 2 --target "${targets[@]}") >"$scratch/log" 2>&1 ||
     fail "the library does not build: $(<"$scratch/log")"
 

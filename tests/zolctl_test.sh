@@ -1,7 +1,7 @@
 #!/bin/bash
 # Tests zolctl from the outside, with a store of its own.
 # Usage: [ZOL_OTHER_ZOLCTL=ZOLCTL_OF_ANOTHER_WORD_SIZE] tests/zolctl_test.sh ZOLCTL SOURCE_DIR
-# shellcheck disable=SC2013,SC2016,SC2030,SC2031,SC2086 # names have no blanks, awk has its own variables, and tables are to be split
+# shellcheck disable=SC2013,SC2016,SC2030,SC2031,SC2046,SC2086 # names have no blanks, and tables are to be split
 set -uo pipefail
 
 zolctl=$(realpath "$1")
