@@ -616,7 +616,8 @@ TEST_F(StoreTest, AWriteWhoseWriterCannotTellIsStillToldOf)
             ready.open();
             REQUIRE((subscriber.take(2) == Lines{"db/a=0", "db/a=1"}));
         });
-        done.open(), done.open();
+        done.open();
+        done.open();
         EXPECT_EQ(next == Fault::CannotTell ? 0 : -SIGKILL, finish(writer));
     }
 }
